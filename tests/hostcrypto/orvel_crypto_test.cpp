@@ -1,0 +1,410 @@
+// The host crypto stand-in through its C interface, as the provider calls it:
+// round trips of every encoding, encryption that the backend opens again,
+// refusal of malformed input, and the test fault switch.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "crypto/backend.h"
+#include "crypto/key_formats.h"
+#include "crypto/keypair_blob.h"
+#include "hostcrypto/include/orvel_test.h"
+#include "tests/crypto/test_hex.h"
+
+namespace tembra {
+namespace {
+
+using testing::fromHex;
+using testing::toHex;
+
+constexpr int kSm3 = 0x7000;
+
+// A host buffer released on scope exit, as the provider's RAII holders do.
+struct HostBuffer {
+  unsigned char *p = nullptr;
+  int len = 0;
+  ~HostBuffer() { OrvelPKICryptoFreeMemory(p); }
+  std::vector<uint8_t> bytes() const { return std::vector<uint8_t>(p, p + len); }
+};
+
+class OrvelCrypto : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    OrvelTestClearFaults();
+    m_device = OrvelPKICryptoGetPseudoDevice();
+    ASSERT_NE(m_device, nullptr);
+    ASSERT_TRUE(crypto::sm2Generate(m_sm2));
+  }
+  void TearDown() override {
+    OrvelTestClearFaults();
+    EXPECT_EQ(OrvelPKICryptoFreeDevice(m_device), 1);
+  }
+
+  std::vector<uint8_t> sm2Spki() {
+    HostBuffer out;
+    EXPECT_EQ(OrvelPKICryptoEncodeECCPubKey(7, m_sm2.publicKey.x, 32, m_sm2.publicKey.y, 32, &out.p,
+                                            &out.len),
+              1);
+    return out.bytes();
+  }
+
+  ORVEL_PKI_DEVICE m_device = nullptr;
+  crypto::Sm2KeyPair m_sm2;
+};
+
+// ---- Round trips --------------------------------------------------------------
+
+TEST_F(OrvelCrypto, EccPublicKeyRoundTripsThroughTheStandardEncoding) {
+  const std::vector<uint8_t> spki = sm2Spki();
+  crypto::Sm2PublicKey parsed;
+  ASSERT_TRUE(crypto::decodeSm2Spki(spki.data(), spki.size(), parsed));
+  EXPECT_EQ(toHex(parsed.x, 32), toHex(m_sm2.publicKey.x, 32));
+
+  int curve = 0;
+  HostBuffer x, y;
+  ASSERT_EQ(OrvelPKICryptoDecodeECCPubKey(spki.data(), static_cast<int>(spki.size()), &curve, &x.p,
+                                          &x.len, &y.p, &y.len),
+            1);
+  EXPECT_EQ(curve, 7);
+  EXPECT_EQ(toHex(x.bytes()), toHex(m_sm2.publicKey.x, 32));
+  EXPECT_EQ(toHex(y.bytes()), toHex(m_sm2.publicKey.y, 32));
+}
+
+// The provider passes the last BitLen/8 bytes of the modulus field and the
+// whole 4-byte exponent field; the decoder answers the minimal values.
+TEST_F(OrvelCrypto, RsaPublicKeyTakesPaddedFieldsAndAnswersMinimalValues) {
+  crypto::RsaPrivateKey key;
+  ASSERT_TRUE(crypto::rsaGenerate(1024, key));
+  std::vector<uint8_t> field(256, 0);
+  memcpy(field.data() + 128, key.publicKey.n.data(), 128);
+  const uint8_t exponent[4] = {0x00, 0x01, 0x00, 0x01};
+  for (int modulusLen : {128, 129, 256}) {
+    HostBuffer spki;
+    ASSERT_EQ(OrvelPKICryptoEncodeRSAPubKey(field.data() + 256 - modulusLen, modulusLen, exponent,
+                                            4, &spki.p, &spki.len),
+              1)
+        << modulusLen;
+    crypto::RsaPublicKey parsed;
+    ASSERT_TRUE(crypto::decodeRsaSpki(spki.p, static_cast<size_t>(spki.len), parsed));
+    EXPECT_EQ(parsed.n, key.publicKey.n);
+
+    HostBuffer n, e;
+    ASSERT_EQ(OrvelPKICryptoDecodeRSAPubKey(spki.p, spki.len, &n.p, &n.len, &e.p, &e.len), 1);
+    EXPECT_EQ(n.bytes(), key.publicKey.n);
+    EXPECT_EQ(toHex(e.bytes()), "010001");
+  }
+}
+
+TEST_F(OrvelCrypto, SignatureEncodingFitsTheProvidersSizeAnswer) {
+  // r and s with the top bit set give the longest encoding.
+  std::vector<uint8_t> r(32, 0xFF), s(32, 0x80);
+  HostBuffer out;
+  ASSERT_EQ(OrvelPKICryptoEncodeECCSignature(r.data(), 32, s.data(), 32, &out.p, &out.len), 1);
+  EXPECT_EQ(out.len, 72);
+  EXPECT_LE(out.len, 80);
+  uint8_t rr[32], ss[32];
+  ASSERT_TRUE(crypto::decodeSm2Signature(out.p, static_cast<size_t>(out.len), rr, ss));
+  EXPECT_EQ(toHex(rr, 32), toHex(r));
+  EXPECT_EQ(toHex(ss, 32), toHex(s));
+}
+
+TEST_F(OrvelCrypto, EccKeyPairBlobDecodesToItsParts) {
+  SecureBytes blob;
+  ASSERT_TRUE(crypto::encodeSm2KeyPairBlob(m_sm2, blob));
+  int curve = 0;
+  HostBuffer x, y, d;
+  ASSERT_EQ(OrvelPKICryptoDecodeECCKeyPair(blob.data(), static_cast<int>(blob.size()), &curve, &x.p,
+                                           &x.len, &y.p, &y.len, &d.p, &d.len),
+            1);
+  EXPECT_EQ(curve, 7);
+  EXPECT_EQ(toHex(x.bytes()), toHex(m_sm2.publicKey.x, 32));
+  EXPECT_EQ(toHex(y.bytes()), toHex(m_sm2.publicKey.y, 32));
+  EXPECT_EQ(toHex(d.bytes()), toHex(m_sm2.d.data(), 32));
+}
+
+TEST_F(OrvelCrypto, RsaKeyPairBlobGivesThePkcs1Der) {
+  crypto::RsaPrivateKey key;
+  ASSERT_TRUE(crypto::rsaGenerate(1024, key));
+  SecureBytes blob, expected;
+  ASSERT_TRUE(crypto::encodeRsaKeyPairBlob(key, blob));
+  ASSERT_TRUE(crypto::encodeRsaPrivateKey(key, expected));
+  HostBuffer der;
+  ASSERT_EQ(
+      OrvelPKICryptoRSAPrivKeyToDER(blob.data(), static_cast<int>(blob.size()), &der.p, &der.len),
+      1);
+  EXPECT_EQ(toHex(der.bytes()), toHex(expected.data(), expected.size()));
+}
+
+TEST_F(OrvelCrypto, Sm2EncryptionOpensWithThePrivateKey) {
+  const std::vector<uint8_t> spki = sm2Spki();
+  ORVEL_PKI_PUBLICKEY key = nullptr;
+  ASSERT_EQ(
+      OrvelPKICryptoImportPublicKey(m_device, spki.data(), static_cast<int>(spki.size()), &key), 1);
+  uint8_t symmetricKey[16];
+  ASSERT_EQ(OrvelPKICryptoGenerateRandom(m_device, 16, symmetricKey), 1);
+  HostBuffer cipher;
+  ASSERT_EQ(
+      OrvelPKICryptoPublicKeyEncrypt(key, 0x40, &kSm3, symmetricKey, 16, &cipher.p, &cipher.len),
+      1);
+  ASSERT_EQ(cipher.len, 97 + 16);  // 04 || x || y || C2 || C3
+  EXPECT_EQ(cipher.p[0], 0x04);
+  SecureBytes plain;
+  ASSERT_TRUE(crypto::sm2Decrypt(m_sm2.d.data(), cipher.p, static_cast<size_t>(cipher.len), plain));
+  EXPECT_EQ(toHex(plain.data(), plain.size()), toHex(symmetricKey, 16));
+  EXPECT_EQ(OrvelPKICryptoFreePublicKey(key), 1);
+}
+
+TEST_F(OrvelCrypto, RsaEncryptionOpensWithThePrivateKey) {
+  crypto::RsaPrivateKey rsa;
+  ASSERT_TRUE(crypto::rsaGenerate(2048, rsa));
+  std::vector<uint8_t> spki;
+  ASSERT_TRUE(crypto::encodeRsaSpki(rsa.publicKey, spki));
+  ORVEL_PKI_PUBLICKEY key = nullptr;
+  ASSERT_EQ(
+      OrvelPKICryptoImportPublicKey(m_device, spki.data(), static_cast<int>(spki.size()), &key), 1);
+  const uint8_t message[16] = {9, 8, 7};
+  HostBuffer cipher;
+  ASSERT_EQ(OrvelPKICryptoPublicKeyEncrypt(key, 0x10, nullptr, message, 16, &cipher.p, &cipher.len),
+            1);
+  EXPECT_EQ(cipher.len, 256);
+  SecureBytes plain;
+  ASSERT_TRUE(crypto::rsaDecryptPkcs1(rsa, cipher.p, static_cast<size_t>(cipher.len), plain));
+  EXPECT_EQ(toHex(plain.data(), plain.size()), toHex(message, 16));
+  EXPECT_EQ(OrvelPKICryptoFreePublicKey(key), 1);
+}
+
+// ---- Malformed input ----------------------------------------------------------
+
+// Each case is one call that must answer 0 and leave its outputs untouched.
+struct BadCall {
+  const char *name;
+  std::function<int(unsigned char **out, int *outLen)> call;
+};
+
+TEST_F(OrvelCrypto, MalformedInputFailsCleanly) {
+  const std::vector<uint8_t> spki = sm2Spki();
+  const int spkiLen = static_cast<int>(spki.size());
+  const uint8_t *x = m_sm2.publicKey.x;
+  const uint8_t *y = m_sm2.publicKey.y;
+  std::vector<uint8_t> wrongCurveSpki = spki;
+  wrongCurveSpki[22]++;
+  std::vector<uint8_t> rsaSpki;
+  crypto::RsaPublicKey rsa;
+  rsa.n = fromHex("c0ffee01c0ffee01c0ffee01c0ffee01");
+  rsa.e = fromHex("010001");
+  ASSERT_TRUE(crypto::encodeRsaSpki(rsa, rsaSpki));
+  SecureBytes eccBlob;
+  ASSERT_TRUE(crypto::encodeSm2KeyPairBlob(m_sm2, eccBlob));
+  const int eccBlobLen = static_cast<int>(eccBlob.size());
+  const std::vector<uint8_t> r(32, 1);
+  ORVEL_PKI_PUBLICKEY sm2Key = nullptr;
+  ORVEL_PKI_PUBLICKEY rsaKey = nullptr;
+  ASSERT_EQ(OrvelPKICryptoImportPublicKey(m_device, spki.data(), spkiLen, &sm2Key), 1);
+  ASSERT_EQ(OrvelPKICryptoImportPublicKey(m_device, rsaSpki.data(),
+                                          static_cast<int>(rsaSpki.size()), &rsaKey),
+            1);
+  const uint8_t data[16] = {};
+  const int otherHash = kSm3 + 1;
+  unsigned char *second = reinterpret_cast<unsigned char *>(0x1);
+  int secondLen = -7;
+  int curve = -7;
+  const uint8_t exponent[4] = {0, 1, 0, 1};
+  const std::vector<uint8_t> zeros(32, 0);
+  std::vector<uint8_t> longModulus(513, 0xC1);
+
+  // One line per case: `o` and `l` are the call's output and length.
+#define BAD_CALL(name, call)                                               \
+  {                                                                        \
+    name, [&](unsigned char **o, [[maybe_unused]] int *l) { return call; } \
+  }
+  std::vector<uint8_t> longer = spki;
+  longer.push_back(0);
+  const std::vector<uint8_t> r33(33, 1);
+  const int rsaSpkiLen = static_cast<int>(rsaSpki.size());
+  const std::vector<BadCall> cases = {
+      BAD_CALL("EccCurve6", OrvelPKICryptoEncodeECCPubKey(6, x, 32, y, 32, o, l)),
+      BAD_CALL("EccX31", OrvelPKICryptoEncodeECCPubKey(7, x, 31, y, 32, o, l)),
+      BAD_CALL("EccY33", OrvelPKICryptoEncodeECCPubKey(7, x, 32, y, 33, o, l)),
+      BAD_CALL("EccNullX", OrvelPKICryptoEncodeECCPubKey(7, nullptr, 32, y, 32, o, l)),
+      BAD_CALL("EccNullOutLen", OrvelPKICryptoEncodeECCPubKey(7, x, 32, y, 32, o, nullptr)),
+      BAD_CALL("EccPointOffCurve", OrvelPKICryptoEncodeECCPubKey(7, x, 32, x, 32, o, l)),
+      BAD_CALL("RsaModulus513",
+               OrvelPKICryptoEncodeRSAPubKey(longModulus.data(), 513, exponent, 4, o, l)),
+      BAD_CALL("RsaModulusZero",
+               OrvelPKICryptoEncodeRSAPubKey(zeros.data(), 32, exponent, 4, o, l)),
+      BAD_CALL("RsaExponentLength0",
+               OrvelPKICryptoEncodeRSAPubKey(longModulus.data(), 128, exponent, 0, o, l)),
+      BAD_CALL("RsaNullModulus", OrvelPKICryptoEncodeRSAPubKey(nullptr, 128, exponent, 4, o, l)),
+      BAD_CALL("DecodeEccTruncated", OrvelPKICryptoDecodeECCPubKey(spki.data(), spkiLen - 1, &curve,
+                                                                   o, l, &second, &secondLen)),
+      BAD_CALL("DecodeEccTrailingByte",
+               OrvelPKICryptoDecodeECCPubKey(longer.data(), spkiLen + 1, &curve, o, l, &second,
+                                             &secondLen)),
+      BAD_CALL("DecodeEccWrongCurve",
+               OrvelPKICryptoDecodeECCPubKey(wrongCurveSpki.data(), spkiLen, &curve, o, l, &second,
+                                             &secondLen)),
+      BAD_CALL("DecodeEccGivenRsa",
+               OrvelPKICryptoDecodeECCPubKey(rsaSpki.data(), rsaSpkiLen, &curve, o, l, &second,
+                                             &secondLen)),
+      BAD_CALL("DecodeRsaGivenEcc",
+               OrvelPKICryptoDecodeRSAPubKey(spki.data(), spkiLen, o, l, &second, &secondLen)),
+      BAD_CALL("DecodeRsaNegativeLength",
+               OrvelPKICryptoDecodeRSAPubKey(rsaSpki.data(), -1, o, l, &second, &secondLen)),
+      BAD_CALL("SignatureR33",
+               OrvelPKICryptoEncodeECCSignature(r33.data(), 33, r.data(), 32, o, l)),
+      BAD_CALL("SignatureS31", OrvelPKICryptoEncodeECCSignature(r.data(), 32, r.data(), 31, o, l)),
+      BAD_CALL("SignatureZeroR",
+               OrvelPKICryptoEncodeECCSignature(zeros.data(), 32, r.data(), 32, o, l)),
+      BAD_CALL("KeyPairOneByteShort",
+               OrvelPKICryptoDecodeECCKeyPair(eccBlob.data(), eccBlobLen - 1, &curve, o, l, &second,
+                                              &secondLen, &second, &secondLen)),
+      BAD_CALL("KeyPairNullD",
+               OrvelPKICryptoDecodeECCKeyPair(eccBlob.data(), eccBlobLen, &curve, o, l, &second,
+                                              &secondLen, nullptr, &secondLen)),
+      BAD_CALL("RsaDerFromEccBlob",
+               OrvelPKICryptoRSAPrivKeyToDER(eccBlob.data(), eccBlobLen, o, l)),
+      BAD_CALL("EncryptSm2KeyWithRsaAlgorithm",
+               OrvelPKICryptoPublicKeyEncrypt(sm2Key, 0x10, &kSm3, data, 16, o, l)),
+      BAD_CALL("EncryptSm2NullParam",
+               OrvelPKICryptoPublicKeyEncrypt(sm2Key, 0x40, nullptr, data, 16, o, l)),
+      BAD_CALL("EncryptSm2OtherHash",
+               OrvelPKICryptoPublicKeyEncrypt(sm2Key, 0x40, &otherHash, data, 16, o, l)),
+      BAD_CALL("EncryptRsaKeyWithSm2Algorithm",
+               OrvelPKICryptoPublicKeyEncrypt(rsaKey, 0x40, &kSm3, data, 16, o, l)),
+      BAD_CALL("EncryptRsaMessageTooLong",
+               OrvelPKICryptoPublicKeyEncrypt(rsaKey, 0x10, nullptr, data, 16, o, l)),
+      BAD_CALL("EncryptNullKey",
+               OrvelPKICryptoPublicKeyEncrypt(nullptr, 0x40, &kSm3, data, 16, o, l)),
+      BAD_CALL("EncryptEmptyMessage",
+               OrvelPKICryptoPublicKeyEncrypt(sm2Key, 0x40, &kSm3, data, 0, o, l)),
+  };
+#undef BAD_CALL
+  for (const BadCall &c : cases) {
+    unsigned char *out = reinterpret_cast<unsigned char *>(0x2);
+    int outLen = -9;
+    EXPECT_EQ(c.call(&out, &outLen), 0) << c.name;
+    EXPECT_EQ(out, reinterpret_cast<unsigned char *>(0x2)) << c.name;
+    EXPECT_EQ(outLen, -9) << c.name;
+  }
+  EXPECT_EQ(second, reinterpret_cast<unsigned char *>(0x1));
+  EXPECT_EQ(curve, -7);
+  EXPECT_EQ(OrvelPKICryptoFreePublicKey(sm2Key), 1);
+  EXPECT_EQ(OrvelPKICryptoFreePublicKey(rsaKey), 1);
+}
+
+TEST_F(OrvelCrypto, DeviceAndImportArgumentsAreChecked) {
+  const std::vector<uint8_t> spki = sm2Spki();
+  const int len = static_cast<int>(spki.size());
+  ORVEL_PKI_PUBLICKEY key = nullptr;
+  EXPECT_EQ(OrvelPKICryptoImportPublicKey(nullptr, spki.data(), len, &key), 0);
+  EXPECT_EQ(OrvelPKICryptoImportPublicKey(m_device, spki.data(), len - 1, &key), 0);
+  EXPECT_EQ(OrvelPKICryptoImportPublicKey(m_device, spki.data(), len, nullptr), 0);
+  std::vector<uint8_t> notAKey = fromHex("300d06092a864886f70d0101010500");
+  EXPECT_EQ(OrvelPKICryptoImportPublicKey(m_device, notAKey.data(),
+                                          static_cast<int>(notAKey.size()), &key),
+            0);
+  EXPECT_EQ(key, nullptr);
+
+  uint8_t buffer[8] = {};
+  EXPECT_EQ(OrvelPKICryptoGenerateRandom(nullptr, 8, buffer), 0);
+  EXPECT_EQ(OrvelPKICryptoGenerateRandom(m_device, 8, nullptr), 0);
+  EXPECT_EQ(OrvelPKICryptoGenerateRandom(m_device, -1, buffer), 0);
+  EXPECT_EQ(OrvelPKICryptoGenerateRandom(m_device, 0, buffer), 1);
+
+  EXPECT_EQ(OrvelPKICryptoFreeDevice(nullptr), 1);
+  EXPECT_EQ(OrvelPKICryptoFreePublicKey(nullptr), 1);
+  EXPECT_EQ(OrvelPKICryptoFreeMemory(nullptr), 1);
+  // A block this library did not hand out is refused, not freed.
+  std::vector<uint8_t> foreign(64, 0);
+  EXPECT_EQ(OrvelPKICryptoFreeMemory(foreign.data() + 16), 0);
+}
+
+// ---- Fault switch -------------------------------------------------------------
+
+struct FaultCase {
+  const char *name;
+  int times;
+  // Results of six calls in a row.
+  std::vector<int> results;
+};
+
+class OrvelFaultSwitch : public OrvelCrypto, public ::testing::WithParamInterface<FaultCase> {};
+
+TEST_P(OrvelFaultSwitch, ArmedCallsAnswerTheResultWithoutActing) {
+  const FaultCase &c = GetParam();
+  ASSERT_EQ(OrvelTestSetFault("OrvelPKICryptoEncodeECCSignature", -3, c.times), 1);
+  const std::vector<uint8_t> r(32, 1);
+  for (size_t i = 0; i < c.results.size(); ++i) {
+    unsigned char *out = nullptr;
+    int outLen = 0;
+    EXPECT_EQ(OrvelPKICryptoEncodeECCSignature(r.data(), 32, r.data(), 32, &out, &outLen),
+              c.results[i])
+        << "call " << i;
+    // A failing call hands out nothing.
+    EXPECT_EQ(out == nullptr, c.results[i] != 1) << "call " << i;
+    OrvelPKICryptoFreeMemory(out);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Times, OrvelFaultSwitch,
+                         ::testing::Values(FaultCase{"Once", 1, {-3, 1, 1, 1, 1, 1}},
+                                           FaultCase{"Twice", 2, {-3, -3, 1, 1, 1, 1}},
+                                           FaultCase{"Always", -1, {-3, -3, -3, -3, -3, -3}},
+                                           FaultCase{"Cleared", 0, {1, 1, 1, 1, 1, 1}}),
+                         [](const ::testing::TestParamInfo<FaultCase> &caseInfo) {
+                           return std::string(caseInfo.param.name);
+                         });
+
+TEST_F(OrvelCrypto, FaultOnTheDeviceGivesNullAndZeroClearsIt) {
+  ASSERT_EQ(OrvelTestSetFault("OrvelPKICryptoGetPseudoDevice", 1, -1), 1);
+  EXPECT_EQ(OrvelPKICryptoGetPseudoDevice(), nullptr);
+  EXPECT_EQ(OrvelPKICryptoGetPseudoDevice(), nullptr);
+  ASSERT_EQ(OrvelTestSetFault("OrvelPKICryptoGetPseudoDevice", 1, 0), 1);
+  ORVEL_PKI_DEVICE device = OrvelPKICryptoGetPseudoDevice();
+  EXPECT_NE(device, nullptr);
+  EXPECT_EQ(OrvelPKICryptoFreeDevice(device), 1);
+}
+
+TEST_F(OrvelCrypto, FaultSwitchRefusesUnknownNamesAndBadCounts) {
+  EXPECT_EQ(OrvelTestSetFault("OrvelPKICryptoEncodeEccPubKey", 0, 1), 0);  // wrong case
+  EXPECT_EQ(OrvelTestSetFault("DeviceInit", 0, 1), 0);
+  EXPECT_EQ(OrvelTestSetFault(nullptr, 0, 1), 0);
+  EXPECT_EQ(OrvelTestSetFault("OrvelPKICryptoGenerateRandom", 0, -2), 0);
+  // Faults are per function: arming one leaves the others working.
+  ASSERT_EQ(OrvelTestSetFault("OrvelPKICryptoGenerateRandom", 5, -1), 1);
+  uint8_t buffer[4];
+  EXPECT_EQ(OrvelPKICryptoGenerateRandom(m_device, 4, buffer), 5);
+  HostBuffer out;
+  EXPECT_EQ(OrvelPKICryptoEncodeECCPubKey(7, m_sm2.publicKey.x, 32, m_sm2.publicKey.y, 32, &out.p,
+                                          &out.len),
+            1);
+  EXPECT_EQ(OrvelTestClearFaults(), 1);
+  EXPECT_EQ(OrvelPKICryptoGenerateRandom(m_device, 4, buffer), 1);
+}
+
+// Calls from several threads use up an armed count exactly once each.
+TEST_F(OrvelCrypto, FaultCountIsSharedExactlyAcrossThreads) {
+  constexpr int kThreads = 4, kCallsPerThread = 200, kArmed = 300;
+  ASSERT_EQ(OrvelTestSetFault("OrvelPKICryptoGenerateRandom", 0, kArmed), 1);
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      uint8_t byte;
+      for (int i = 0; i < kCallsPerThread; ++i) {
+        if (OrvelPKICryptoGenerateRandom(m_device, 1, &byte) != 1) ++failures;
+      }
+    });
+  }
+  for (std::thread &t : threads) t.join();
+  EXPECT_EQ(failures.load(), kArmed);
+}
+
+}  // namespace
+}  // namespace tembra
