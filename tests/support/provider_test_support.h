@@ -22,6 +22,10 @@ namespace test {
 void setEnv(const char *name, const char *value);
 void unsetEnv(const char *name);
 
+// A path in the temporary directory that no other call returns; nothing is
+// created there.
+std::string uniqueTempPath(const std::string &prefix);
+
 // A fresh temporary directory, removed with its contents at destruction.
 class TempDir {
  public:

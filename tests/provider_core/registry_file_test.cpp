@@ -1,0 +1,292 @@
+// The POSIX registry: `reg export` text files read by RegOpenKeyExW and
+// RegQueryValueExW with Windows' results.
+#ifndef _WIN32
+
+#include <stdio.h>
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/win_compat.h"
+#include "tests/support/provider_test_support.h"
+
+namespace {
+
+const wchar_t kKey[] = L"Software\\ORVEL\\PKI\\Devices\\TembraKey";
+const char kHeader[] = "Windows Registry Editor Version 5.00\r\n\r\n";
+const char kSection[] = "[HKEY_LOCAL_MACHINE\\Software\\ORVEL\\PKI\\Devices\\TembraKey]\r\n";
+
+// The text as `reg export` writes it: UTF-16LE with a byte order mark.
+std::string utf16le(const std::string &ascii) {
+  std::string out = "\xFF\xFE";
+  for (char c : ascii) {
+    out += c;
+    out += '\0';
+  }
+  return out;
+}
+
+struct Query {
+  LONG open = -1;
+  LONG query = -1;
+  DWORD type = 0xFFFF;
+  DWORD size = 0;
+  std::vector<BYTE> data;
+};
+
+class RegistryFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_path = m_dir.path() + "/settings.reg";
+    tembra::test::setEnv("ORVEL_PKI_REGISTRY_FILE", m_path.c_str());
+  }
+
+  void write(const std::string &content) {
+    FILE *file = fopen(m_path.c_str(), "wb");
+    ASSERT_NE(file, nullptr);
+    fwrite(content.data(), 1, content.size(), file);
+    fclose(file);
+  }
+
+  static Query query(const wchar_t *subKey, const wchar_t *name, DWORD bufferSize = 64) {
+    Query q;
+    HKEY key = nullptr;
+    q.open = RegOpenKeyExW(HKEY_LOCAL_MACHINE, subKey, 0, KEY_READ, &key);
+    if (q.open != ERROR_SUCCESS) return q;
+    std::vector<BYTE> buffer(bufferSize + 1, 0xEE);
+    q.size = bufferSize;
+    q.query = RegQueryValueExW(key, name, nullptr, &q.type, buffer.data(), &q.size);
+    EXPECT_EQ(RegCloseKey(key), ERROR_SUCCESS);
+    if (q.query == ERROR_SUCCESS) q.data.assign(buffer.begin(), buffer.begin() + q.size);
+    return q;
+  }
+
+  tembra::test::TempDir m_dir;
+  std::string m_path;
+};
+
+struct ValueCase {
+  const char *name;
+  std::string file;
+  const wchar_t *value;
+  LONG query;
+  DWORD type;
+  std::vector<BYTE> data;
+};
+void PrintTo(const ValueCase &c, std::ostream *os) {
+  *os << c.name;
+}
+
+class RegistryValueTest : public RegistryFileTest,
+                          public ::testing::WithParamInterface<ValueCase> {};
+
+TEST_P(RegistryValueTest, ReadsTypeAndBytes) {
+  const ValueCase &c = GetParam();
+  write(c.file);
+  Query q = query(kKey, c.value);
+  ASSERT_EQ(q.open, ERROR_SUCCESS);
+  EXPECT_EQ(q.query, c.query);
+  if (c.query == ERROR_SUCCESS) {
+    EXPECT_EQ(q.type, c.type);
+    EXPECT_EQ(q.data, c.data);
+  }
+}
+
+const std::string kPlain = std::string(kHeader) + kSection;
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, RegistryValueTest,
+    ::testing::Values(
+        ValueCase{"Dword",
+                  kPlain + "\"HasSM3\"=dword:00a1b2c3\r\n",
+                  L"HasSM3",
+                  ERROR_SUCCESS,
+                  REG_DWORD,
+                  {0xC3, 0xB2, 0xA1, 0x00}},
+        ValueCase{"Qword",
+                  kPlain + "\"Q\"=hex(b):01,02,03,04,05,06,07,08\r\n",
+                  L"Q",
+                  ERROR_SUCCESS,
+                  REG_QWORD,
+                  {1, 2, 3, 4, 5, 6, 7, 8}},
+        ValueCase{"BinaryOverContinuationLines",
+                  kPlain + "\"B\"=hex:de,ad,\\\r\n  be,ef,\\\r\n  01\r\n\"Next\"=dword:1\r\n",
+                  L"B",
+                  ERROR_SUCCESS,
+                  REG_BINARY,
+                  {0xDE, 0xAD, 0xBE, 0xEF, 0x01}},
+        ValueCase{"ValueAfterContinuation",
+                  kPlain + "\"B\"=hex:de,ad,\\\r\n  be,ef\r\n\"Next\"=dword:00000007\r\n",
+                  L"Next",
+                  ERROR_SUCCESS,
+                  REG_DWORD,
+                  {7, 0, 0, 0}},
+        ValueCase{"StringWithEscapes",
+                  kPlain + "\"Name\"=\"a\\\\b\\\"c\"\r\n",
+                  L"Name",
+                  ERROR_SUCCESS,
+                  REG_SZ,
+                  {'a', 0, '\\', 0, 'b', 0, '"', 0, 'c', 0, 0, 0}},
+        ValueCase{"Utf16FileWithBom",
+                  utf16le(kPlain + "\"HasSM4\"=dword:00000010\r\n"),
+                  L"HasSM4",
+                  ERROR_SUCCESS,
+                  REG_DWORD,
+                  {0x10, 0, 0, 0}},
+        ValueCase{"Utf16NonAsciiString",
+                  std::string("\xFF\xFE", 2) + utf16le(kPlain).substr(2) +
+                      std::string("\"\0S\0\"\0=\0\"\0\xE9\0\x3A\x26\"\0\r\0\n\0", 20),
+                  L"S",
+                  ERROR_SUCCESS,
+                  REG_SZ,
+                  {0xE9, 0x00, 0x3A, 0x26, 0, 0}},
+        ValueCase{"Utf8FileWithBom",
+                  "\xEF\xBB\xBF" + kPlain + "\"T\"=\"\xC3\xA9\"\r\n",
+                  L"T",
+                  ERROR_SUCCESS,
+                  REG_SZ,
+                  {0xE9, 0x00, 0, 0}},
+        ValueCase{"MissingValue",
+                  kPlain + "\"HasSM3\"=dword:00000001\r\n",
+                  L"HasSM4",
+                  ERROR_FILE_NOT_FOUND,
+                  0,
+                  {}},
+        ValueCase{"KeyPathIgnoresCase",
+                  std::string(kHeader) +
+                      "[hkey_local_machine\\SOFTWARE\\orvel\\Pki\\DEVICES\\tembrakey]\r\n"
+                      "\"HasSM3\"=dword:00000009\r\n",
+                  L"HasSM3",
+                  ERROR_SUCCESS,
+                  REG_DWORD,
+                  {9, 0, 0, 0}},
+        ValueCase{"OtherSectionsIgnored",
+                  std::string(kHeader) +
+                      "[HKEY_LOCAL_MACHINE\\Software\\ORVEL\\PKI\\Devices\\Other]\r\n"
+                      "\"HasSM3\"=dword:00000001\r\n" +
+                      kSection + "\"Mine\"=dword:2\r\n" +
+                      "[HKEY_LOCAL_MACHINE\\Software\\ORVEL\\PKI\\Devices\\TembraKey\\Sub]\r\n"
+                      "\"HasSM3\"=dword:00000001\r\n",
+                  L"HasSM3",
+                  ERROR_FILE_NOT_FOUND,
+                  0,
+                  {}}),
+    [](const ::testing::TestParamInfo<ValueCase> &p) { return std::string(p.param.name); });
+
+// Malformed lines are skipped, and the lines around them still count.
+struct MalformedCase {
+  const char *name;
+  std::string line;
+};
+void PrintTo(const MalformedCase &c, std::ostream *os) {
+  *os << c.name;
+}
+
+class RegistryMalformedTest : public RegistryFileTest,
+                              public ::testing::WithParamInterface<MalformedCase> {};
+
+TEST_P(RegistryMalformedTest, LineIsSkipped) {
+  write(kPlain + "\"Before\"=dword:00000001\r\n" + GetParam().line +
+        "\r\n\"After\"=dword:00000002\r\n");
+  EXPECT_EQ(query(kKey, L"Bad").query, ERROR_FILE_NOT_FOUND);
+  Query before = query(kKey, L"Before");
+  Query after = query(kKey, L"After");
+  EXPECT_EQ(before.data, (std::vector<BYTE>{1, 0, 0, 0}));
+  EXPECT_EQ(after.data, (std::vector<BYTE>{2, 0, 0, 0}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, RegistryMalformedTest,
+    ::testing::Values(MalformedCase{"DwordNotHex", "\"Bad\"=dword:xyz"},
+                      MalformedCase{"DwordTooLong", "\"Bad\"=dword:123456789"},
+                      MalformedCase{"HexByteTooLong", "\"Bad\"=hex:01,234"},
+                      MalformedCase{"HexEmptyItem", "\"Bad\"=hex:01,,02"},
+                      MalformedCase{"UnterminatedString", "\"Bad\"=\"abc"},
+                      MalformedCase{"TextAfterString", "\"Bad\"=\"abc\" x"},
+                      MalformedCase{"UnknownEscape", "\"Bad\"=\"a\\nb\""},
+                      MalformedCase{"UnknownType", "\"Bad\"=qword:1"},
+                      MalformedCase{"Garbage", "this is not a registry line"},
+                      MalformedCase{"NulBytes", std::string("\"Bad\"=dword:0\0\0", 15)}),
+    [](const ::testing::TestParamInfo<MalformedCase> &p) { return std::string(p.param.name); });
+
+struct KeyCase {
+  const char *name;
+  bool createFile;
+  std::string file;
+  const wchar_t *subKey;
+  LONG open;
+};
+void PrintTo(const KeyCase &c, std::ostream *os) {
+  *os << c.name;
+}
+
+class RegistryKeyTest : public RegistryFileTest, public ::testing::WithParamInterface<KeyCase> {};
+
+TEST_P(RegistryKeyTest, OpensOnlyKeysTheFileNames) {
+  const KeyCase &c = GetParam();
+  if (c.createFile) write(c.file);
+  HKEY key = nullptr;
+  EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, c.subKey, 0, KEY_READ, &key), c.open);
+  if (c.open == ERROR_SUCCESS) {
+    EXPECT_NE(key, nullptr);
+    RegCloseKey(key);
+  } else {
+    EXPECT_EQ(key, nullptr);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Keys, RegistryKeyTest,
+    ::testing::Values(
+        KeyCase{"MissingFile", false, "", kKey, ERROR_FILE_NOT_FOUND},
+        KeyCase{"EmptyFile", true, "", kKey, ERROR_FILE_NOT_FOUND},
+        KeyCase{"HeaderOnly", true, kHeader, kKey, ERROR_FILE_NOT_FOUND},
+        KeyCase{"SectionWithoutValues", true, kPlain, kKey, ERROR_SUCCESS},
+        KeyCase{"ParentOfASection", true, kPlain, L"Software\\ORVEL\\PKI", ERROR_SUCCESS},
+        KeyCase{"PrefixIsNotAKey", true, kPlain, L"Software\\ORVEL\\PKI\\Devices\\Tembra",
+                ERROR_FILE_NOT_FOUND},
+        KeyCase{"DeletedSection", true,
+                std::string(kHeader) +
+                    "[-HKEY_LOCAL_MACHINE\\Software\\ORVEL\\PKI\\Devices\\TembraKey]\r\n",
+                kKey, ERROR_FILE_NOT_FOUND},
+        KeyCase{"OtherRoot", true,
+                std::string(kHeader) +
+                    "[HKEY_CURRENT_USER\\Software\\ORVEL\\PKI\\Devices\\TembraKey]\r\n",
+                kKey, ERROR_FILE_NOT_FOUND}),
+    [](const ::testing::TestParamInfo<KeyCase> &p) { return std::string(p.param.name); });
+
+TEST_F(RegistryFileTest, QueryFollowsWindowsBufferRules) {
+  write(kPlain + "\"S\"=\"abc\"\r\n");  // 8 bytes of UTF-16LE with terminator
+  HKEY key = nullptr;
+  ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, KEY_READ, &key), ERROR_SUCCESS);
+  BYTE buffer[16];
+  memset(buffer, 0xEE, sizeof buffer);
+  DWORD type = 0;
+  DWORD size = 7;
+  EXPECT_EQ(RegQueryValueExW(key, L"S", nullptr, &type, buffer, &size), ERROR_MORE_DATA);
+  EXPECT_EQ(size, 8u);
+  EXPECT_EQ(type, static_cast<DWORD>(REG_SZ));
+  EXPECT_EQ(buffer[0], 0xEE);
+
+  size = 0;
+  EXPECT_EQ(RegQueryValueExW(key, L"S", nullptr, nullptr, nullptr, &size), ERROR_SUCCESS);
+  EXPECT_EQ(size, 8u);
+
+  size = 8;
+  EXPECT_EQ(RegQueryValueExW(key, L"S", nullptr, nullptr, buffer, &size), ERROR_SUCCESS);
+  EXPECT_EQ(std::vector<BYTE>(buffer, buffer + 9),
+            (std::vector<BYTE>{'a', 0, 'b', 0, 'c', 0, 0, 0, 0xEE}));
+
+  EXPECT_EQ(RegQueryValueExW(key, L"S", nullptr, nullptr, buffer, nullptr),
+            ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(RegCloseKey(key), ERROR_SUCCESS);
+  EXPECT_EQ(RegQueryValueExW(nullptr, L"S", nullptr, nullptr, nullptr, &size),
+            ERROR_INVALID_HANDLE);
+}
+
+}  // namespace
+
+#endif  // !_WIN32
