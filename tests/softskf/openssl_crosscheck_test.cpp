@@ -1,0 +1,334 @@
+// The token's signatures, decryptions and key imports checked against
+// OpenSSL: OpenSSL verifies what the token signs and makes the ciphertexts
+// and envelopes that the token opens.
+#include <gtest/gtest.h>
+#include <openssl/rand.h>
+#include <string.h>
+
+#include "tests/softskf/openssl_party.h"
+#include "tests/softskf/soft_token_fixture.h"
+
+namespace softskf_test {
+namespace {
+
+Bytes randomBytes(size_t n) {
+  Bytes out(n);
+  if (n > 0) RAND_bytes(out.data(), static_cast<int>(n));
+  return out;
+}
+
+ECCPUBLICKEYBLOB exportEcc(HCONTAINER con, BOOL sign) {
+  ECCPUBLICKEYBLOB blob = {};
+  ULONG len = sizeof blob;
+  EXPECT_EQ(SAR_OK, SKF_ExportPublicKey(con, sign, reinterpret_cast<BYTE *>(&blob), &len));
+  EXPECT_EQ(sizeof blob, len);
+  return blob;
+}
+
+RSAPUBLICKEYBLOB exportRsa(HCONTAINER con, BOOL sign) {
+  RSAPUBLICKEYBLOB blob = {};
+  ULONG len = sizeof blob;
+  EXPECT_EQ(SAR_OK, SKF_ExportPublicKey(con, sign, reinterpret_cast<BYTE *>(&blob), &len));
+  EXPECT_EQ(sizeof blob, len);
+  return blob;
+}
+
+class CrossCheckTest : public SoftTokenTest {};
+
+TEST_F(CrossCheckTest, Sm2SignaturesVerifyWithOpenSsl) {
+  DEVHANDLE dev = makeDevice();
+  HAPPLICATION app = makeApplication(dev);
+  HCONTAINER con = makeSm2Container(app);
+  ECCPUBLICKEYBLOB blob = exportEcc(con, TRUE);
+  EXPECT_EQ(256u, blob.BitLen);
+  Pkey key = sm2KeyFromBlob(blob);
+  ASSERT_TRUE(key);
+  for (int i = 0; i < 4; ++i) {
+    Bytes digest = randomBytes(32);
+    ECCSIGNATUREBLOB sig;
+    memset(&sig, 0xAA, sizeof sig);
+    ASSERT_EQ(SAR_OK, SKF_ECCSignData(con, digest.data(), 32, &sig));
+    EXPECT_TRUE(sm2VerifyDigest(key.get(), digest, sig));
+    const Bytes zeros(32, 0);
+    EXPECT_EQ(0, memcmp(sig.r, zeros.data(), 32)) << "r is right-aligned";
+    EXPECT_EQ(0, memcmp(sig.s, zeros.data(), 32)) << "s is right-aligned";
+    digest[0] ^= 1;
+    EXPECT_FALSE(sm2VerifyDigest(key.get(), digest, sig));
+  }
+  BYTE shortDigest[31] = {};
+  ECCSIGNATUREBLOB sig;
+  EXPECT_EQ(SAR_INDATALENERR, SKF_ECCSignData(con, shortDigest, 31, &sig));
+}
+
+// SKF_DigestInit with a public key hashes Z || M: a signature over that
+// digest verifies as an SM2 signature of M in OpenSSL, with the default
+// identifier and with a given one.
+TEST_F(CrossCheckTest, DigestWithPublicKeyIsTheSm2MessageDigest) {
+  DEVHANDLE dev = makeDevice();
+  HAPPLICATION app = makeApplication(dev);
+  HCONTAINER con = makeSm2Container(app);
+  ECCPUBLICKEYBLOB blob = exportEcc(con, TRUE);
+  Pkey key = sm2KeyFromBlob(blob);
+  const std::string defaultId = "1234567812345678";
+  const std::string aliceId = "ALICE123@YAHOO.COM";
+  struct Case {
+    std::string givenId;  // empty: none given
+    std::string verifiedId;
+  };
+  const Case cases[] = {{"", defaultId}, {aliceId, aliceId}};
+  Bytes message = randomBytes(300);
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.verifiedId);
+    HANDLE hash;
+    ASSERT_EQ(SAR_OK, SKF_DigestInit(
+                          dev, SGD_SM3, &blob,
+                          reinterpret_cast<unsigned char *>(const_cast<char *>(c.givenId.data())),
+                          static_cast<ULONG>(c.givenId.size()), &hash));
+    ASSERT_EQ(SAR_OK, SKF_DigestUpdate(hash, message.data(), static_cast<ULONG>(message.size())));
+    Bytes digest(32);
+    ULONG len = 32;
+    ASSERT_EQ(SAR_OK, SKF_DigestFinal(hash, digest.data(), &len));
+    ECCSIGNATUREBLOB sig;
+    ASSERT_EQ(SAR_OK, SKF_ECCSignData(con, digest.data(), 32, &sig));
+    Bytes id(c.verifiedId.begin(), c.verifiedId.end());
+    EXPECT_TRUE(sm2VerifyMessage(key.get(), id, message, sig));
+    Bytes otherId(defaultId.begin(), defaultId.end() - 1);
+    EXPECT_FALSE(sm2VerifyMessage(key.get(), otherId, message, sig));
+  }
+}
+
+class RsaCrossCheckTest : public SoftTokenTest, public ::testing::WithParamInterface<ULONG> {};
+
+TEST_P(RsaCrossCheckTest, SignatureOpensToTheSignedBytesAndDecryptionMatches) {
+  const ULONG bits = GetParam();
+  const ULONG k = bits / 8;
+  DEVHANDLE dev = makeDevice();
+  HAPPLICATION app = makeApplication(dev);
+  HCONTAINER con = makeRsaContainer(app, bits);
+  RSAPUBLICKEYBLOB blob = exportRsa(con, TRUE);
+  EXPECT_EQ(SGD_RSA, blob.AlgID);
+  EXPECT_EQ(bits, blob.BitLen);
+  const BYTE f4[4] = {0x00, 0x01, 0x00, 0x01};
+  EXPECT_EQ(0, memcmp(blob.PublicExponent, f4, 4));
+  Pkey key = rsaKeyFromBlob(blob);
+  ASSERT_TRUE(key);
+
+  for (ULONG dataLen : {ULONG(1), ULONG(35), k - 11}) {
+    SCOPED_TRACE(dataLen);
+    Bytes data = randomBytes(dataLen);
+    ULONG len = 0;
+    ASSERT_EQ(SAR_OK, SKF_RSASignData(con, data.data(), dataLen, nullptr, &len));
+    EXPECT_EQ(k, len);
+    Bytes sig(k);
+    len = k - 1;
+    EXPECT_EQ(SAR_BUFFER_TOO_SMALL, SKF_RSASignData(con, data.data(), dataLen, sig.data(), &len));
+    EXPECT_EQ(k, len);
+    ASSERT_EQ(SAR_OK, SKF_RSASignData(con, data.data(), dataLen, sig.data(), &len));
+    EXPECT_EQ(data, rsaRecover(key.get(), sig));
+  }
+  Bytes tooLong(k - 10, 1);
+  Bytes sig(k);
+  ULONG len = k;
+  EXPECT_EQ(SAR_INDATALENERR, SKF_RSASignData(con, tooLong.data(), k - 10, sig.data(), &len));
+
+  Bytes secret = randomBytes(24);
+  Bytes cipher = rsaEncrypt(key.get(), secret);
+  ASSERT_EQ(k, cipher.size());
+  Bytes plain(512);
+  len = static_cast<ULONG>(plain.size());
+  ASSERT_EQ(SAR_OK, SKF_RSADecrypt(con, TRUE, cipher.data(), k, plain.data(), &len));
+  plain.resize(len);
+  EXPECT_EQ(secret, plain);
+  cipher[k / 2] ^= 0x40;
+  len = 512;
+  plain.resize(512);
+  EXPECT_NE(SAR_OK, SKF_RSADecrypt(con, TRUE, cipher.data(), k, plain.data(), &len));
+  EXPECT_EQ(SAR_KEYNOTFOUNTERR, SKF_RSADecrypt(con, FALSE, cipher.data(), k, plain.data(), &len));
+}
+
+INSTANTIATE_TEST_SUITE_P(Bits, RsaCrossCheckTest, ::testing::Values(1024u, 2048u));
+
+class Sm2DecryptTest : public SoftTokenTest, public ::testing::WithParamInterface<size_t> {};
+
+TEST_P(Sm2DecryptTest, OpensOpenSslCiphertext) {
+  const size_t length = GetParam();
+  DEVHANDLE dev = makeDevice();
+  HAPPLICATION app = makeApplication(dev);
+  HCONTAINER con = makeSm2Container(app);
+  Pkey key = sm2KeyFromBlob(exportEcc(con, TRUE));
+  Bytes message = randomBytes(length);
+  Bytes blob = sm2EncryptToBlob(key.get(), message);
+  ASSERT_FALSE(blob.empty());
+  ECCCIPHERBLOB *cipher = reinterpret_cast<ECCCIPHERBLOB *>(blob.data());
+  ASSERT_EQ(length, cipher->CipherLen);
+
+  ULONG len = 0;
+  ASSERT_EQ(SAR_OK, SKF_ECCDecrypt(con, TRUE, cipher, nullptr, &len));
+  EXPECT_EQ(length, len);
+  Bytes plain(length + 1);
+  if (length > 0) {
+    len = static_cast<ULONG>(length - 1);
+    EXPECT_EQ(SAR_BUFFER_TOO_SMALL, SKF_ECCDecrypt(con, TRUE, cipher, plain.data(), &len));
+    EXPECT_EQ(length, len);
+  }
+  len = static_cast<ULONG>(plain.size());
+  ASSERT_EQ(SAR_OK, SKF_ECCDecrypt(con, TRUE, cipher, plain.data(), &len));
+  plain.resize(len);
+  EXPECT_EQ(message, plain);
+
+  cipher->HASH[5] ^= 1;  // a wrong check value is refused, not answered
+  len = static_cast<ULONG>(length + 1);
+  plain.resize(length + 1);
+  EXPECT_NE(SAR_OK, SKF_ECCDecrypt(con, TRUE, cipher, plain.data(), &len));
+  EXPECT_EQ(SAR_KEYNOTFOUNTERR, SKF_ECCDecrypt(con, FALSE, cipher, plain.data(), &len));
+  cipher->CipherLen = 0xFFFFFFF0u;
+  EXPECT_EQ(SAR_INDATALENERR, SKF_ECCDecrypt(con, TRUE, cipher, plain.data(), &len));
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, Sm2DecryptTest, ::testing::Values(1u, 16u, 32u, 33u, 1000u));
+
+// The three layouts of the encrypted private key in cbEncryptedPriKey.
+enum class PrivateLayout { Plain32, Padded48, Zero64 };
+
+Bytes encryptedPrivate(PrivateLayout layout, const Bytes &symmetricKey, const Bytes &d) {
+  Bytes plain;
+  if (layout == PrivateLayout::Plain32) {
+    plain = d;
+  } else if (layout == PrivateLayout::Padded48) {
+    plain = {0x00, 0x01, 0x00, 0x00};
+    plain.insert(plain.end(), d.begin(), d.end());
+    plain.insert(plain.end(), 12, 0x0C);
+  } else {
+    plain.assign(32, 0);
+    plain.insert(plain.end(), d.begin(), d.end());
+  }
+  Bytes cipher = sm4(true, false, symmetricKey, plain);
+  Bytes field(64 - cipher.size(), 0);
+  field.insert(field.end(), cipher.begin(), cipher.end());
+  return field;
+}
+
+// ENVELOPEDKEYBLOB for `pair`, its symmetric key SM2-encrypted under `wrapKey`.
+Bytes envelope(EVP_PKEY *wrapKey, const Sm2Pair &pair, const Bytes &symmetricKey,
+               PrivateLayout layout, ULONG algorithm = SGD_SMS4_ECB) {
+  Bytes wrapped = sm2EncryptToBlob(wrapKey, symmetricKey);
+  Bytes blob(sizeof(ENVELOPEDKEYBLOB) + 15, 0);
+  ENVELOPEDKEYBLOB *env = reinterpret_cast<ENVELOPEDKEYBLOB *>(blob.data());
+  env->Version = 1;
+  env->ulSymmAlgID = algorithm;
+  env->ulBits = 256;
+  Bytes field = encryptedPrivate(layout, symmetricKey, pair.d);
+  memcpy(env->cbEncryptedPriKey, field.data(), 64);
+  env->PubKey.BitLen = 256;
+  memcpy(env->PubKey.XCoordinate + 32, pair.x.data(), 32);
+  memcpy(env->PubKey.YCoordinate + 32, pair.y.data(), 32);
+  memcpy(&env->ECCCipherBlob, wrapped.data(), sizeof(ECCCIPHERBLOB) + 15);
+  return blob;
+}
+
+class EccImportTest : public SoftTokenTest, public ::testing::WithParamInterface<PrivateLayout> {};
+
+TEST_P(EccImportTest, ImportsEachPrivateKeyLayout) {
+  DEVHANDLE dev = makeDevice();
+  HAPPLICATION app = makeApplication(dev);
+  HCONTAINER con = makeSm2Container(app);
+  Pkey signKey = sm2KeyFromBlob(exportEcc(con, TRUE));
+  Sm2Pair pair = newSm2Pair();
+  Bytes blob = envelope(signKey.get(), pair, randomBytes(16), GetParam());
+  ASSERT_EQ(SAR_OK, SKF_ImportECCKeyPair(con, reinterpret_cast<ENVELOPEDKEYBLOB *>(blob.data())));
+  // At rest the private scalar is sealed: the store never holds it in clear.
+  std::string stored = storeContents(storePath());
+  EXPECT_EQ(std::string::npos, stored.find(std::string(pair.d.begin(), pair.d.end())));
+
+  ECCPUBLICKEYBLOB encBlob = exportEcc(con, FALSE);
+  EXPECT_EQ(0, memcmp(encBlob.XCoordinate + 32, pair.x.data(), 32));
+  EXPECT_EQ(0, memcmp(encBlob.YCoordinate + 32, pair.y.data(), 32));
+  // The imported private key opens what OpenSSL encrypts to its public key.
+  Bytes message = randomBytes(20);
+  Bytes cipher = sm2EncryptToBlob(pair.key.get(), message);
+  Bytes plain(20);
+  ULONG len = 20;
+  ASSERT_EQ(SAR_OK, SKF_ECCDecrypt(con, FALSE, reinterpret_cast<ECCCIPHERBLOB *>(cipher.data()),
+                                   plain.data(), &len));
+  EXPECT_EQ(message, plain);
+}
+
+INSTANTIATE_TEST_SUITE_P(Layouts, EccImportTest,
+                         ::testing::Values(PrivateLayout::Plain32, PrivateLayout::Padded48,
+                                           PrivateLayout::Zero64));
+
+TEST_F(CrossCheckTest, WrongEccEnvelopesImportNothing) {
+  DEVHANDLE dev = makeDevice();
+  HAPPLICATION app = makeApplication(dev);
+  HCONTAINER con = makeSm2Container(app);
+  Pkey signKey = sm2KeyFromBlob(exportEcc(con, TRUE));
+  Sm2Pair pair = newSm2Pair(), other = newSm2Pair();
+  Bytes symmetricKey = randomBytes(16);
+
+  struct Case {
+    const char *what;
+    Bytes blob;
+    ULONG expected;
+  };
+  Bytes mismatched = envelope(signKey.get(), pair, symmetricKey, PrivateLayout::Plain32);
+  memcpy(reinterpret_cast<ENVELOPEDKEYBLOB *>(mismatched.data())->PubKey.XCoordinate + 32,
+         other.x.data(), 32);
+  Bytes foreignWrap = envelope(other.key.get(), pair, symmetricKey, PrivateLayout::Plain32);
+  Case cases[] = {
+      {"public key of another pair", mismatched, SAR_KEYINFOTYPEERR},
+      {"symmetric key wrapped for another key", foreignWrap, SAR_KEYINFOTYPEERR},
+      {"SM1 envelope",
+       envelope(signKey.get(), pair, symmetricKey, PrivateLayout::Plain32, SGD_SM1_ECB),
+       SAR_NOTSUPPORTYETERR},
+      {"SSF33 envelope",
+       envelope(signKey.get(), pair, symmetricKey, PrivateLayout::Plain32, SGD_SSF33_ECB),
+       SAR_NOTSUPPORTYETERR},
+  };
+  for (Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(c.expected,
+              SKF_ImportECCKeyPair(con, reinterpret_cast<ENVELOPEDKEYBLOB *>(c.blob.data())));
+    ULONG len = 0;
+    EXPECT_EQ(SAR_KEYNOTFOUNTERR, SKF_ExportPublicKey(con, FALSE, nullptr, &len));
+  }
+}
+
+TEST_F(CrossCheckTest, RsaEnvelopeImportsTheEncryptionKeyPair) {
+  DEVHANDLE dev = makeDevice();
+  HAPPLICATION app = makeApplication(dev);
+  HCONTAINER con = makeRsaContainer(app, 1024);
+  Pkey signKey = rsaKeyFromBlob(exportRsa(con, TRUE));
+  RsaPair pair = newRsaPair(2048);
+  ASSERT_FALSE(pair.der.empty());
+  Bytes symmetricKey = randomBytes(16);
+  Bytes wrapped = rsaEncrypt(signKey.get(), symmetricKey);
+  Bytes encrypted = sm4(true, true, symmetricKey, pair.der);
+
+  Bytes badWrap = wrapped;
+  badWrap[10] ^= 1;
+  EXPECT_NE(SAR_OK, SKF_ImportRSAKeyPair(con, SGD_SMS4_ECB, badWrap.data(),
+                                         static_cast<ULONG>(badWrap.size()), encrypted.data(),
+                                         static_cast<ULONG>(encrypted.size())));
+  EXPECT_EQ(
+      SAR_NOTSUPPORTYETERR,
+      SKF_ImportRSAKeyPair(con, SGD_SSF33_ECB, wrapped.data(), static_cast<ULONG>(wrapped.size()),
+                           encrypted.data(), static_cast<ULONG>(encrypted.size())));
+  ULONG len = 0;
+  EXPECT_EQ(SAR_KEYNOTFOUNTERR, SKF_ExportPublicKey(con, FALSE, nullptr, &len));
+
+  ASSERT_EQ(SAR_OK, SKF_ImportRSAKeyPair(con, SGD_SMS4_ECB, wrapped.data(),
+                                         static_cast<ULONG>(wrapped.size()), encrypted.data(),
+                                         static_cast<ULONG>(encrypted.size())));
+  RSAPUBLICKEYBLOB encBlob = exportRsa(con, FALSE);
+  EXPECT_EQ(2048u, encBlob.BitLen);
+  Bytes secret = randomBytes(16);
+  Bytes cipher = rsaEncrypt(pair.key.get(), secret);
+  Bytes plain(256);
+  len = 256;
+  ASSERT_EQ(SAR_OK, SKF_RSADecrypt(con, FALSE, cipher.data(), 256, plain.data(), &len));
+  plain.resize(len);
+  EXPECT_EQ(secret, plain);
+}
+
+}  // namespace
+}  // namespace softskf_test

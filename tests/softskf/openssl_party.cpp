@@ -1,0 +1,204 @@
+#include "tests/softskf/openssl_party.h"
+
+#include <openssl/asn1.h>
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/ec.h>
+#include <openssl/param_build.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+#include <string.h>
+
+namespace softskf_test {
+
+namespace {
+
+struct CtxFree {
+  void operator()(EVP_PKEY_CTX *p) const { EVP_PKEY_CTX_free(p); }
+};
+using Ctx = std::unique_ptr<EVP_PKEY_CTX, CtxFree>;
+
+Pkey fromData(const char *type, OSSL_PARAM_BLD *bld) {
+  OSSL_PARAM *params = OSSL_PARAM_BLD_to_param(bld);
+  Ctx ctx(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
+  EVP_PKEY *key = nullptr;
+  if (ctx && params && EVP_PKEY_fromdata_init(ctx.get()) == 1) {
+    EVP_PKEY_fromdata(ctx.get(), &key, EVP_PKEY_PUBLIC_KEY, params);
+  }
+  OSSL_PARAM_free(params);
+  return Pkey(key);
+}
+
+Bytes bnBytes(const BIGNUM *bn, int len) {
+  Bytes out(static_cast<size_t>(len));
+  BN_bn2binpad(bn, out.data(), len);
+  return out;
+}
+
+}  // namespace
+
+Pkey sm2KeyFromBlob(const ECCPUBLICKEYBLOB &blob) {
+  unsigned char point[65];
+  point[0] = 0x04;
+  memcpy(point + 1, blob.XCoordinate + 32, 32);
+  memcpy(point + 33, blob.YCoordinate + 32, 32);
+  OSSL_PARAM_BLD *bld = OSSL_PARAM_BLD_new();
+  OSSL_PARAM_BLD_push_utf8_string(bld, OSSL_PKEY_PARAM_GROUP_NAME, "SM2", 0);
+  OSSL_PARAM_BLD_push_octet_string(bld, OSSL_PKEY_PARAM_PUB_KEY, point, sizeof point);
+  Pkey key = fromData("SM2", bld);
+  OSSL_PARAM_BLD_free(bld);
+  return key;
+}
+
+Pkey rsaKeyFromBlob(const RSAPUBLICKEYBLOB &blob) {
+  size_t k = blob.BitLen / 8;
+  BIGNUM *n = BN_bin2bn(blob.Modulus + 256 - k, static_cast<int>(k), nullptr);
+  BIGNUM *e = BN_bin2bn(blob.PublicExponent, 4, nullptr);
+  OSSL_PARAM_BLD *bld = OSSL_PARAM_BLD_new();
+  OSSL_PARAM_BLD_push_BN(bld, OSSL_PKEY_PARAM_RSA_N, n);
+  OSSL_PARAM_BLD_push_BN(bld, OSSL_PKEY_PARAM_RSA_E, e);
+  Pkey key = fromData("RSA", bld);
+  OSSL_PARAM_BLD_free(bld);
+  BN_free(n);
+  BN_free(e);
+  return key;
+}
+
+bool sm2VerifyDigest(EVP_PKEY *key, const Bytes &digest, const ECCSIGNATUREBLOB &sig) {
+  ECDSA_SIG *s = ECDSA_SIG_new();
+  ECDSA_SIG_set0(s, BN_bin2bn(sig.r + 32, 32, nullptr), BN_bin2bn(sig.s + 32, 32, nullptr));
+  unsigned char *der = nullptr;
+  int derLen = i2d_ECDSA_SIG(s, &der);
+  ECDSA_SIG_free(s);
+  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
+  bool ok = ctx && derLen > 0 && EVP_PKEY_verify_init(ctx.get()) == 1 &&
+            EVP_PKEY_verify(ctx.get(), der, static_cast<size_t>(derLen), digest.data(),
+                            digest.size()) == 1;
+  OPENSSL_free(der);
+  return ok;
+}
+
+bool sm2VerifyMessage(EVP_PKEY *key, const Bytes &id, const Bytes &message,
+                      const ECCSIGNATUREBLOB &sig) {
+  ECDSA_SIG *s = ECDSA_SIG_new();
+  ECDSA_SIG_set0(s, BN_bin2bn(sig.r + 32, 32, nullptr), BN_bin2bn(sig.s + 32, 32, nullptr));
+  unsigned char *der = nullptr;
+  int derLen = i2d_ECDSA_SIG(s, &der);
+  ECDSA_SIG_free(s);
+  EVP_MD_CTX *md = EVP_MD_CTX_new();
+  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
+  bool ok = md != nullptr && ctx && derLen > 0 &&
+            EVP_PKEY_CTX_set1_id(ctx.get(), id.data(), static_cast<int>(id.size())) == 1;
+  if (ok) {
+    EVP_MD_CTX_set_pkey_ctx(md, ctx.get());
+    ok =
+        EVP_DigestVerifyInit(md, nullptr, EVP_sm3(), nullptr, key) == 1 &&
+        EVP_DigestVerify(md, der, static_cast<size_t>(derLen), message.data(), message.size()) == 1;
+  }
+  EVP_MD_CTX_free(md);
+  OPENSSL_free(der);
+  return ok;
+}
+
+Bytes rsaRecover(EVP_PKEY *key, const Bytes &signature) {
+  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
+  Bytes out(512);
+  size_t len = out.size();
+  if (!ctx || EVP_PKEY_verify_recover_init(ctx.get()) != 1 ||
+      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+      EVP_PKEY_verify_recover(ctx.get(), out.data(), &len, signature.data(), signature.size()) !=
+          1) {
+    return Bytes();
+  }
+  out.resize(len);
+  return out;
+}
+
+Bytes rsaEncrypt(EVP_PKEY *key, const Bytes &plain) {
+  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
+  Bytes out(512);
+  size_t len = out.size();
+  if (!ctx || EVP_PKEY_encrypt_init(ctx.get()) != 1 ||
+      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+      EVP_PKEY_encrypt(ctx.get(), out.data(), &len, plain.data(), plain.size()) != 1) {
+    return Bytes();
+  }
+  out.resize(len);
+  return out;
+}
+
+Bytes sm2EncryptToBlob(EVP_PKEY *key, const Bytes &plain) {
+  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
+  size_t len = 0;
+  if (!ctx || EVP_PKEY_encrypt_init(ctx.get()) != 1 ||
+      EVP_PKEY_encrypt(ctx.get(), nullptr, &len, plain.data(), plain.size()) != 1) {
+    return Bytes();
+  }
+  Bytes der(len);
+  if (EVP_PKEY_encrypt(ctx.get(), der.data(), &len, plain.data(), plain.size()) != 1)
+    return Bytes();
+  // SEQUENCE { INTEGER x, INTEGER y, OCTET STRING C3, OCTET STRING C2 }
+  const unsigned char *p = der.data();
+  STACK_OF(ASN1_TYPE) *seq = d2i_ASN1_SEQUENCE_ANY(nullptr, &p, static_cast<long>(len));
+  if (seq == nullptr || sk_ASN1_TYPE_num(seq) != 4) return Bytes();
+  BIGNUM *x = ASN1_INTEGER_to_BN(sk_ASN1_TYPE_value(seq, 0)->value.integer, nullptr);
+  BIGNUM *y = ASN1_INTEGER_to_BN(sk_ASN1_TYPE_value(seq, 1)->value.integer, nullptr);
+  const ASN1_OCTET_STRING *c3 = sk_ASN1_TYPE_value(seq, 2)->value.octet_string;
+  const ASN1_OCTET_STRING *c2 = sk_ASN1_TYPE_value(seq, 3)->value.octet_string;
+  Bytes blob(sizeof(ECCCIPHERBLOB) + plain.size(), 0);
+  ECCCIPHERBLOB *out = reinterpret_cast<ECCCIPHERBLOB *>(blob.data());
+  Bytes xb = bnBytes(x, 32), yb = bnBytes(y, 32);
+  memcpy(out->XCoordinate + 32, xb.data(), 32);
+  memcpy(out->YCoordinate + 32, yb.data(), 32);
+  memcpy(out->HASH, ASN1_STRING_get0_data(c3), 32);
+  out->CipherLen = static_cast<ULONG>(ASN1_STRING_length(c2));
+  memcpy(out->Cipher, ASN1_STRING_get0_data(c2), static_cast<size_t>(ASN1_STRING_length(c2)));
+  BN_free(x);
+  BN_free(y);
+  sk_ASN1_TYPE_pop_free(seq, ASN1_TYPE_free);
+  return blob;
+}
+
+Sm2Pair newSm2Pair() {
+  Sm2Pair pair;
+  pair.key.reset(EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2"));
+  BIGNUM *d = nullptr;
+  EVP_PKEY_get_bn_param(pair.key.get(), OSSL_PKEY_PARAM_PRIV_KEY, &d);
+  pair.d = bnBytes(d, 32);
+  BN_clear_free(d);
+  unsigned char point[65];
+  size_t len = 0;
+  EVP_PKEY_get_octet_string_param(pair.key.get(), OSSL_PKEY_PARAM_PUB_KEY, point, sizeof point,
+                                  &len);
+  pair.x.assign(point + 1, point + 33);
+  pair.y.assign(point + 33, point + 65);
+  return pair;
+}
+
+RsaPair newRsaPair(int bits) {
+  RsaPair pair;
+  pair.key.reset(EVP_RSA_gen(static_cast<unsigned>(bits)));
+  unsigned char *der = nullptr;
+  int len = i2d_PrivateKey(pair.key.get(), &der);
+  if (len > 0) pair.der.assign(der, der + len);
+  OPENSSL_free(der);
+  return pair;
+}
+
+Bytes sm4(bool encrypt, bool pad, const Bytes &key, const Bytes &in) {
+  EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
+  EVP_CIPHER *cipher = EVP_CIPHER_fetch(nullptr, "SM4-ECB", nullptr);
+  Bytes out(in.size() + 16);
+  int len1 = 0, len2 = 0;
+  bool ok = EVP_CipherInit_ex2(ctx, cipher, key.data(), nullptr, encrypt ? 1 : 0, nullptr) == 1 &&
+            EVP_CIPHER_CTX_set_padding(ctx, pad ? 1 : 0) == 1 &&
+            EVP_CipherUpdate(ctx, out.data(), &len1, in.data(), static_cast<int>(in.size())) == 1 &&
+            EVP_CipherFinal_ex(ctx, out.data() + len1, &len2) == 1;
+  EVP_CIPHER_free(cipher);
+  EVP_CIPHER_CTX_free(ctx);
+  if (!ok) return Bytes();
+  out.resize(static_cast<size_t>(len1 + len2));
+  return out;
+}
+
+}  // namespace softskf_test
