@@ -1,0 +1,157 @@
+// `tembra sign`, `verify`, `encrypt` and `decrypt`. Private-key operations
+// go through the provider (DeviceSign, DevicePrivateKeyDecrypt); the
+// public-key side runs in software on the exported public key, never on the
+// token.
+#include "cli/commands.h"
+#include "cli/files.h"
+#include "cli/pin_input.h"
+#include "cli/session.h"
+#include "cli/signing.h"
+#include "crypto/secure_bytes.h"
+
+namespace tembra {
+namespace cli {
+namespace {
+
+std::string requiredOption(const Arguments &args, const char *name, const char *display) {
+  if (!args.has(name) || args.value(name).empty()) {
+    throw UsageError(std::string(display) + " is required");
+  }
+  return args.value(name);
+}
+
+SecretText userPin(CommandContext &context) {
+  SecretText pin;
+  std::string error;
+  if (!readPin(context.args, "", "User PIN", context.err, pin, &error)) throw UsageError(error);
+  return pin;
+}
+
+// SM2 keys are hashed with SM3 whatever the default; RSA takes --hash.
+HashKind hashFor(const Arguments &args, bool sm2) {
+  return hashFromText(args.value("hash", sm2 ? "sm3" : "sha256"));
+}
+
+}  // namespace
+
+int runSign(CommandContext &context) {
+  const std::string label = requiredOption(context.args, "label", "--label");
+  const std::string input = requiredOption(context.args, "input", "-i <file>");
+  const std::string output = requiredOption(context.args, "output", "-o <signature file>");
+  const std::string wanted = context.args.value("alg");
+  if (!wanted.empty() && wanted != "sm2" && wanted != "rsa") {
+    throw UsageError("algorithm must be sm2 or rsa, not '" + wanted + "'");
+  }
+  const Bytes message = readFile(input);
+  SecretText pin = userPin(context);
+
+  ProviderSession session;
+  const ProviderApi &api = session.api();
+  SPI_DEVICE_HANDLE device = session.device(context.deviceIndex);
+  KeypairRef keypair(api, findKeypair(api, device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, label));
+  const bool sm2 = api.DeviceGetKeypairAlgorithm(keypair.get()) == ORVEL_PKI_ALGORITHM_ECC;
+  if (!wanted.empty() && (wanted == "sm2") != sm2) {
+    throw CliError("key pair '" + label + "' is " + (sm2 ? "SM2" : "RSA") + ", not " + wanted);
+  }
+  const Bytes tbs =
+      signatureInput(exportPublicKey(api, keypair.get()), message, hashFor(context.args, sm2));
+  login(api, device, 1, pin.c_str());
+
+  const int algo = sm2 ? ORVEL_PKI_ALGORITHM_SM2_SIGN : ORVEL_PKI_ALGORITHM_RSA_PKCS1_V1_5_SIGN;
+  int len = 0;
+  int rv =
+      api.DeviceSign(keypair.get(), algo, nullptr, tbs.data(), int(tbs.size()), nullptr, 0, &len);
+  Bytes signature;
+  if (rv == ORVEL_PKI_OK && len > 0) {
+    signature.resize(size_t(len));
+    rv = api.DeviceSign(keypair.get(), algo, nullptr, tbs.data(), int(tbs.size()), signature.data(),
+                        len, &len);
+  }
+  if (rv != ORVEL_PKI_OK) throw CliError("DeviceSign failed (" + std::to_string(rv) + ")");
+  signature.resize(size_t(len));
+  writeFile(output, signature);
+  context.out.record({{"label", label},
+                      {"algorithm", sm2 ? "SM2" : "RSA"},
+                      {"signature", output},
+                      {"bytes", int64_t(signature.size())}});
+  return 0;
+}
+
+int runVerify(CommandContext &context) {
+  const std::string input = requiredOption(context.args, "input", "-i <file>");
+  const std::string signaturePath = requiredOption(context.args, "signature", "-s <signature>");
+  const Bytes message = readFile(input);
+  const Bytes signature = readFile(signaturePath);
+  Bytes spki;
+  if (context.args.has("pubkey")) {
+    const std::string path = context.args.value("pubkey");
+    spki = derFromDerOrPem(readFile(path), "PUBLIC KEY", path);
+  } else {
+    const std::string label = requiredOption(context.args, "label", "--label or --pubkey");
+    ProviderSession session;
+    const ProviderApi &api = session.api();
+    SPI_DEVICE_HANDLE device = session.device(context.deviceIndex);
+    KeypairRef keypair(api, findKeypair(api, device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, label));
+    spki = exportPublicKey(api, keypair.get());
+  }
+  const bool sm2 = isSm2Key(spki);
+  if (!verifySignature(spki, message, signature, hashFor(context.args, sm2))) {
+    throw CliError("signature does not verify");
+  }
+  context.out.record({{"algorithm", sm2 ? "SM2" : "RSA"}, {"valid", true}});
+  return 0;
+}
+
+int runEncrypt(CommandContext &context) {
+  const std::string label = requiredOption(context.args, "label", "--label");
+  const std::string input = requiredOption(context.args, "input", "-i <file>");
+  const std::string output = requiredOption(context.args, "output", "-o <file>");
+  const int type = keypairTypeFromText(context.args.value("type", "enc"));
+  const Bytes message = readFile(input);
+  ProviderSession session;
+  const ProviderApi &api = session.api();
+  SPI_DEVICE_HANDLE device = session.device(context.deviceIndex);
+  KeypairRef keypair(api, findKeypair(api, device, type, label));
+  const Bytes cipher = encryptTo(exportPublicKey(api, keypair.get()), message);
+  writeFile(output, cipher);
+  context.out.record({{"label", label}, {"output", output}, {"bytes", int64_t(cipher.size())}});
+  return 0;
+}
+
+int runDecrypt(CommandContext &context) {
+  const std::string label = requiredOption(context.args, "label", "--label");
+  const std::string input = requiredOption(context.args, "input", "-i <cipher file>");
+  const std::string output = requiredOption(context.args, "output", "-o <file>");
+  const int type = keypairTypeFromText(context.args.value("type", "enc"));
+  const Bytes cipher = readFile(input);
+  if (cipher.empty()) throw CliError(input + " is empty");
+  SecretText pin = userPin(context);
+
+  ProviderSession session;
+  const ProviderApi &api = session.api();
+  SPI_DEVICE_HANDLE device = session.device(context.deviceIndex);
+  KeypairRef keypair(api, findKeypair(api, device, type, label));
+  login(api, device, 1, pin.c_str());
+  const bool sm2 = api.DeviceGetKeypairAlgorithm(keypair.get()) == ORVEL_PKI_ALGORITHM_ECC;
+  const int algo = sm2 ? ORVEL_PKI_ALGORITHM_SM2_ENC : ORVEL_PKI_ALGORITHM_RSA_PKCS1_V1_5_ENC;
+  const int hash = ORVEL_PKI_ALGORITHM_SM3;
+  int len = 0;
+  int rv = api.DevicePrivateKeyDecrypt(keypair.get(), algo, &hash, cipher.data(),
+                                       int(cipher.size()), nullptr, 0, &len);
+  SecureBytes plain;
+  if (rv == ORVEL_PKI_OK && len > 0) {
+    plain.resize(size_t(len));
+    rv = api.DevicePrivateKeyDecrypt(keypair.get(), algo, &hash, cipher.data(), int(cipher.size()),
+                                     plain.data(), len, &len);
+  }
+  if (rv != ORVEL_PKI_OK) {
+    throw CliError("DevicePrivateKeyDecrypt failed (" + std::to_string(rv) + ")");
+  }
+  plain.resize(size_t(len));
+  writeFile(output, plain.data(), plain.size());
+  context.out.record({{"label", label}, {"output", output}, {"bytes", int64_t(plain.size())}});
+  return 0;
+}
+
+}  // namespace cli
+}  // namespace tembra

@@ -1,0 +1,138 @@
+#include "cli/output.h"
+
+#include <stdio.h>
+
+#include <algorithm>
+
+namespace tembra {
+namespace cli {
+
+std::string Value::text() const {
+  switch (m_kind) {
+    case Kind::Text:
+      return m_text;
+    case Kind::Integer:
+      return std::to_string(m_number);
+    case Kind::Boolean:
+      return m_number != 0 ? "yes" : "no";
+  }
+  return std::string();
+}
+
+std::string Value::json() const {
+  switch (m_kind) {
+    case Kind::Text:
+      return jsonString(m_text);
+    case Kind::Integer:
+      return std::to_string(m_number);
+    case Kind::Boolean:
+      return m_number != 0 ? "true" : "false";
+  }
+  return "null";
+}
+
+std::string jsonString(const std::string &text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        if (c < 0x20) {
+          char escaped[8];
+          snprintf(escaped, sizeof(escaped), "\\u%04x", c);
+          out += escaped;
+        } else {
+          out += char(c);
+        }
+    }
+  }
+  return out + "\"";
+}
+
+namespace {
+
+std::string jsonObject(const Record &fields) {
+  std::string out = "{";
+  for (size_t i = 0; i < fields.size(); ++i) {
+    if (i > 0) out += ", ";
+    out += jsonString(fields[i].first) + ": " + fields[i].second.json();
+  }
+  return out + "}";
+}
+
+}  // namespace
+
+void Output::record(const Record &fields) {
+  if (m_json) {
+    m_out << jsonObject(fields) << "\n";
+    return;
+  }
+  size_t width = 0;
+  for (const auto &field : fields) width = std::max(width, field.first.size());
+  for (const auto &field : fields) {
+    m_out << field.first << ":" << std::string(width - field.first.size() + 1, ' ')
+          << field.second.text() << "\n";
+  }
+}
+
+void Output::table(const std::vector<Record> &rows) {
+  if (m_json) {
+    m_out << "[";
+    for (size_t i = 0; i < rows.size(); ++i) {
+      m_out << (i > 0 ? ",\n " : "") << jsonObject(rows[i]);
+    }
+    m_out << "]\n";
+    return;
+  }
+  if (rows.empty()) {
+    m_out << "(none)\n";
+    return;
+  }
+  const Record &header = rows.front();
+  std::vector<size_t> widths(header.size());
+  for (size_t c = 0; c < header.size(); ++c) widths[c] = header[c].first.size();
+  for (const Record &row : rows) {
+    for (size_t c = 0; c < row.size() && c < widths.size(); ++c) {
+      widths[c] = std::max(widths[c], row[c].second.text().size());
+    }
+  }
+  auto printRow = [&](const std::vector<std::string> &cells) {
+    std::string line;
+    for (size_t c = 0; c < cells.size(); ++c) {
+      line += cells[c];
+      if (c + 1 < cells.size()) line += std::string(widths[c] - cells[c].size() + 2, ' ');
+    }
+    m_out << line << "\n";
+  };
+  std::vector<std::string> names;
+  for (const auto &field : header) names.push_back(field.first);
+  printRow(names);
+  for (const Record &row : rows) {
+    std::vector<std::string> cells;
+    for (size_t c = 0; c < row.size() && c < widths.size(); ++c) {
+      cells.push_back(row[c].second.text());
+    }
+    printRow(cells);
+  }
+}
+
+void Output::note(const std::string &line) {
+  if (!m_json) m_out << line << "\n";
+}
+
+}  // namespace cli
+}  // namespace tembra

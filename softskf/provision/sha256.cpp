@@ -1,0 +1,129 @@
+#include "softskf/provision/sha256.h"
+
+#include <string.h>
+
+#include "platform/secure_zero.h"
+
+namespace tembra {
+namespace {
+
+const uint32_t kRoundConstants[64] = {
+    0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4, 0xab1c5ed5,
+    0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe, 0x9bdc06a7, 0xc19bf174,
+    0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f, 0x4a7484aa, 0x5cb0a9dc, 0x76f988da,
+    0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7, 0xc6e00bf3, 0xd5a79147, 0x06ca6351, 0x14292967,
+    0x27b70a85, 0x2e1b2138, 0x4d2c6dfc, 0x53380d13, 0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85,
+    0xa2bfe8a1, 0xa81a664b, 0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070,
+    0x19a4c116, 0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
+    0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2};
+
+inline uint32_t rotateRight(uint32_t x, unsigned n) {
+  return (x >> n) | (x << (32 - n));
+}
+
+}  // namespace
+
+Sha256::~Sha256() {
+  secureZero(m_state, sizeof(m_state));
+  secureZero(m_buffer, sizeof(m_buffer));
+}
+
+void Sha256::reset() {
+  static const uint32_t kInitial[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
+                                       0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
+  memcpy(m_state, kInitial, sizeof(m_state));
+  m_totalBytes = 0;
+  m_buffered = 0;
+}
+
+void Sha256::compress(const uint8_t block[64]) {
+  uint32_t w[64];
+  for (int i = 0; i < 16; ++i) {
+    w[i] = (uint32_t(block[4 * i]) << 24) | (uint32_t(block[4 * i + 1]) << 16) |
+           (uint32_t(block[4 * i + 2]) << 8) | uint32_t(block[4 * i + 3]);
+  }
+  for (int i = 16; i < 64; ++i) {
+    uint32_t s0 = rotateRight(w[i - 15], 7) ^ rotateRight(w[i - 15], 18) ^ (w[i - 15] >> 3);
+    uint32_t s1 = rotateRight(w[i - 2], 17) ^ rotateRight(w[i - 2], 19) ^ (w[i - 2] >> 10);
+    w[i] = w[i - 16] + s0 + w[i - 7] + s1;
+  }
+  uint32_t a = m_state[0], b = m_state[1], c = m_state[2], d = m_state[3];
+  uint32_t e = m_state[4], f = m_state[5], g = m_state[6], h = m_state[7];
+  for (int i = 0; i < 64; ++i) {
+    uint32_t s1 = rotateRight(e, 6) ^ rotateRight(e, 11) ^ rotateRight(e, 25);
+    uint32_t choose = (e & f) ^ (~e & g);
+    uint32_t t1 = h + s1 + choose + kRoundConstants[i] + w[i];
+    uint32_t s0 = rotateRight(a, 2) ^ rotateRight(a, 13) ^ rotateRight(a, 22);
+    uint32_t majority = (a & b) ^ (a & c) ^ (b & c);
+    uint32_t t2 = s0 + majority;
+    h = g;
+    g = f;
+    f = e;
+    e = d + t1;
+    d = c;
+    c = b;
+    b = a;
+    a = t1 + t2;
+  }
+  m_state[0] += a;
+  m_state[1] += b;
+  m_state[2] += c;
+  m_state[3] += d;
+  m_state[4] += e;
+  m_state[5] += f;
+  m_state[6] += g;
+  m_state[7] += h;
+  secureZero(w, sizeof(w));
+}
+
+void Sha256::update(const uint8_t *data, size_t len) {
+  if (data == nullptr || len == 0) return;
+  m_totalBytes += len;
+  if (m_buffered > 0) {
+    size_t take = 64 - m_buffered < len ? 64 - m_buffered : len;
+    memcpy(m_buffer + m_buffered, data, take);
+    m_buffered += take;
+    data += take;
+    len -= take;
+    if (m_buffered < 64) return;
+    compress(m_buffer);
+    m_buffered = 0;
+  }
+  while (len >= 64) {
+    compress(data);
+    data += 64;
+    len -= 64;
+  }
+  memcpy(m_buffer, data, len);
+  m_buffered = len;
+}
+
+void Sha256::final(uint8_t out[kSha256DigestSize]) {
+  const uint64_t bitCount = m_totalBytes * 8;
+  m_buffer[m_buffered++] = 0x80;
+  if (m_buffered > 56) {
+    memset(m_buffer + m_buffered, 0, 64 - m_buffered);
+    compress(m_buffer);
+    m_buffered = 0;
+  }
+  memset(m_buffer + m_buffered, 0, 56 - m_buffered);
+  for (int i = 0; i < 8; ++i) m_buffer[56 + i] = uint8_t(bitCount >> (56 - 8 * i));
+  compress(m_buffer);
+  for (int i = 0; i < 8; ++i) {
+    out[4 * i] = uint8_t(m_state[i] >> 24);
+    out[4 * i + 1] = uint8_t(m_state[i] >> 16);
+    out[4 * i + 2] = uint8_t(m_state[i] >> 8);
+    out[4 * i + 3] = uint8_t(m_state[i]);
+  }
+  secureZero(m_state, sizeof(m_state));
+  secureZero(m_buffer, sizeof(m_buffer));
+  m_buffered = 0;
+}
+
+void sha256(const uint8_t *data, size_t len, uint8_t out[kSha256DigestSize]) {
+  Sha256 hash;
+  hash.update(data, len);
+  hash.final(out);
+}
+
+}  // namespace tembra

@@ -1,0 +1,114 @@
+#include "tests/cli/token_access.h"
+
+#include <stddef.h>
+#include <string.h>
+
+namespace tembra {
+namespace test {
+namespace {
+
+std::vector<std::string> splitNames(const std::vector<char> &list) {
+  std::vector<std::string> names;
+  for (size_t offset = 0; offset < list.size() && list[offset] != '\0';) {
+    names.emplace_back(list.data() + offset);
+    offset += names.back().size() + 1;
+  }
+  return names;
+}
+
+}  // namespace
+
+std::vector<std::string> tokenNames() {
+  std::vector<char> list(4096, '\0');
+  ULONG size = ULONG(list.size());
+  if (SKF_EnumDev(FALSE, list.data(), &size) != SAR_OK) return {"<SKF_EnumDev failed>"};
+  return splitNames(list);
+}
+
+std::vector<uint8_t> eccCipherBlob(const std::vector<uint8_t> &flat) {
+  if (flat.size() < 97 || flat.size() > 65536) return {};
+  const size_t messageLen = flat.size() - 97;
+  const ULONG cipherLen = ULONG(messageLen);
+  std::vector<uint8_t> blob(offsetof(ECCCIPHERBLOB, Cipher) + messageLen + 1, 0);
+  uint8_t *base = blob.data();
+  memcpy(base + offsetof(ECCCIPHERBLOB, XCoordinate) + 32, &flat[1], 32);
+  memcpy(base + offsetof(ECCCIPHERBLOB, YCoordinate) + 32, &flat[33], 32);
+  memcpy(base + offsetof(ECCCIPHERBLOB, HASH), &flat[65 + messageLen], 32);
+  memcpy(base + offsetof(ECCCIPHERBLOB, CipherLen), &cipherLen, sizeof(cipherLen));
+  if (messageLen > 0) memcpy(base + offsetof(ECCCIPHERBLOB, Cipher), &flat[65], messageLen);
+  return blob;
+}
+
+TokenConnection::TokenConnection(const std::string &name) {
+  if (SKF_ConnectDev(const_cast<LPSTR>(name.c_str()), &m_device) != SAR_OK) m_device = nullptr;
+}
+
+TokenConnection::~TokenConnection() {
+  if (m_container != nullptr) SKF_CloseContainer(m_container);
+  if (m_application != nullptr) {
+    SKF_ClearSecureState(m_application);
+    SKF_CloseApplication(m_application);
+  }
+  if (m_device != nullptr) SKF_DisConnectDev(m_device);
+}
+
+std::vector<std::string> TokenConnection::applicationNames() {
+  std::vector<char> list(1024, '\0');
+  ULONG size = ULONG(list.size());
+  if (SKF_EnumApplication(m_device, list.data(), &size) != SAR_OK) return {};
+  return splitNames(list);
+}
+
+bool TokenConnection::openContainer(const std::string &application, const std::string &container) {
+  return m_device != nullptr &&
+         SKF_OpenApplication(m_device, const_cast<LPSTR>(application.c_str()), &m_application) ==
+             SAR_OK &&
+         SKF_OpenContainer(m_application, const_cast<LPSTR>(container.c_str()), &m_container) ==
+             SAR_OK;
+}
+
+bool TokenConnection::login(const char *userPin) {
+  ULONG retries = 0;
+  return SKF_VerifyPIN(m_application, USER_TYPE, const_cast<LPSTR>(userPin), &retries) == SAR_OK;
+}
+
+bool TokenConnection::sm2PublicKey(bool signatureKey, crypto::Sm2PublicKey &key) {
+  ECCPUBLICKEYBLOB blob;
+  ULONG len = sizeof(blob);
+  if (SKF_ExportPublicKey(m_container, signatureKey, reinterpret_cast<BYTE *>(&blob), &len) !=
+      SAR_OK) {
+    return false;
+  }
+  memcpy(key.x, blob.XCoordinate + 32, 32);
+  memcpy(key.y, blob.YCoordinate + 32, 32);
+  return true;
+}
+
+bool TokenConnection::rsaPublicKey(bool signatureKey, crypto::RsaPublicKey &key) {
+  RSAPUBLICKEYBLOB blob;
+  ULONG len = sizeof(blob);
+  if (SKF_ExportPublicKey(m_container, signatureKey, reinterpret_cast<BYTE *>(&blob), &len) !=
+      SAR_OK) {
+    return false;
+  }
+  const size_t modulusLen = blob.BitLen / 8;
+  key.n.assign(blob.Modulus + sizeof(blob.Modulus) - modulusLen,
+               blob.Modulus + sizeof(blob.Modulus));
+  key.e.assign(blob.PublicExponent, blob.PublicExponent + 4);
+  while (!key.e.empty() && key.e.front() == 0) key.e.erase(key.e.begin());
+  return true;
+}
+
+std::vector<uint8_t> TokenConnection::certificate(bool signatureKey) {
+  ULONG len = 0;
+  if (SKF_ExportCertificate(m_container, signatureKey, nullptr, &len) != SAR_OK || len == 0) {
+    return {};
+  }
+  std::vector<uint8_t> der(len);
+  if (SKF_ExportCertificate(m_container, signatureKey, der.data(), &len) != SAR_OK) return {};
+  der.resize(len);
+  return der;
+}
+
+}  // namespace test
+}  // namespace tembra
