@@ -47,10 +47,10 @@ struct DeviceSpec {
 // the bytes 0x01..0x10.
 extern const uint8_t kDefaultAuthKey[16];
 
-// Creates the device in the current store and everything its spec names.
+// Creates the device in the current store and everything the layout names.
 // Returns SAR_OK or the first failing SKF result; *error (if given) then
 // names the failing step in one line.
-ULONG provisionDevice(const DeviceSpec &spec, std::string *error = nullptr);
+ULONG provisionDevice(const DeviceSpec &layout, std::string *error = nullptr);
 
 // A DeviceSpec with one application "TembraApp" (PINs "12345678"), holding
 // containers "SM2Container" (SM2) and "RSAContainer" (RSA-2048), each with

@@ -48,7 +48,7 @@ class TokenStore {
   ~TokenStore();
   const std::string &path() const { return m_dir.path(); }
   // provision::provisionDevice; fails the current test on error.
-  void provision(const provision::DeviceSpec &spec);
+  void provision(const provision::DeviceSpec &layout);
 
  private:
   TempDir m_dir;
