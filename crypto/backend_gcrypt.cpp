@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "crypto/backend.h"
+#include "crypto/sm2_kdf.h"
 
 namespace tembra {
 namespace crypto {
@@ -245,33 +246,6 @@ struct Sm2Curve {
   }
 };
 
-// KDF of GM/T 0003.4 with SM3: out = SM3(z || ct) blocks, ct counting from 1.
-bool sm2Kdf(const uint8_t *z, size_t zLen, uint8_t *out, size_t len) {
-  uint32_t counter = 1;
-  uint8_t block[kSm3DigestSize];
-  size_t done = 0;
-  while (done < len) {
-    const uint8_t ct[4] = {static_cast<uint8_t>(counter >> 24), static_cast<uint8_t>(counter >> 16),
-                           static_cast<uint8_t>(counter >> 8), static_cast<uint8_t>(counter)};
-    Sm3 hash;
-    if (!hash.update(z, zLen) || !hash.update(ct, sizeof ct) || !hash.final(block)) {
-      secureZero(block, sizeof block);
-      return false;
-    }
-    const size_t take = len - done < kSm3DigestSize ? len - done : kSm3DigestSize;
-    memcpy(out + done, block, take);
-    done += take;
-    ++counter;
-  }
-  secureZero(block, sizeof block);
-  return true;
-}
-
-bool allZero(const uint8_t *p, size_t len) {
-  uint8_t acc = 0;
-  for (size_t i = 0; i < len; ++i) acc |= p[i];
-  return acc == 0;
-}
 
 // C3 = SM3(x2 || M || y2).
 bool sm2Check(const uint8_t *x2y2, const uint8_t *message, size_t len, uint8_t *out) {
