@@ -10,7 +10,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
@@ -37,7 +39,8 @@ struct Fixture {
 
   Fixture() {
     std::string store = std::string(getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") +
-                        "/tembra-bench-store-" + std::to_string(rand());
+                        "/tembra-bench-store-" + std::to_string(std::random_device{}()) + "-" +
+                        std::to_string(static_cast<long long>(time(nullptr)));
 #ifdef _WIN32
     _putenv_s("TEMBRA_SOFTSKF_DIR", store.c_str());
 #else
