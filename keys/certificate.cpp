@@ -11,6 +11,7 @@
 #include "keys/key_readers.h"
 #include "log/trace_log.h"
 #include "platform/skf.h"
+#include "provider/buffer_protocol.h"
 #include "provider/records.h"
 
 int GetCertificate(HCONTAINER hCon, int bSignFlag, unsigned char **cert, int *certlen) {
@@ -98,11 +99,7 @@ TEMBRA_API int DeviceGetCertificate(SPI_KEYPAIR_HANDLE hKeypair, int index, unsi
     LOG_ERROR("len <= 0");
     return ORVEL_PKI_FAIL;
   }
-  if (pretcertbloblen != nullptr) *pretcertbloblen = len;
-  if (certblob == nullptr) return ORVEL_PKI_OK;
-  if (certbloblen < len) return ORVEL_PKI_MOREDATA;
-  memcpy(certblob, cert, static_cast<size_t>(len));
-  return ORVEL_PKI_OK;
+  return copyOut(cert, len, certblob, certbloblen, pretcertbloblen);
 }
 
 // Writes the certificate to the token and replaces the cached copy.

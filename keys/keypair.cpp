@@ -11,6 +11,7 @@
 #include "include/tembra_key_prov.h"
 #include "log/trace_log.h"
 #include "provider/lock.h"
+#include "provider/buffer_protocol.h"
 #include "provider/records.h"
 
 extern "C" {
@@ -87,10 +88,8 @@ TEMBRA_API int DeviceGetKeypairLabel(SPI_KEYPAIR_HANDLE hKeypair, char *label, i
   if (hKeypair == nullptr) return ORVEL_PKI_NULLHANDLE;
   const char *text = hKeypair->m_label != nullptr ? hKeypair->m_label : "";
   int len = static_cast<int>(strlen(text)) + 1;
-  if (pretlabellen != nullptr) *pretlabellen = len;
-  if (label == nullptr) return ORVEL_PKI_OK;
-  if (labellen < len) return ORVEL_PKI_MOREDATA;
-  memcpy(label, text, static_cast<size_t>(len));
+  int rv = copyOut(text, len, label, labellen, pretlabellen);
+  if (rv != ORVEL_PKI_OK || label == nullptr) return rv;
   LOG_INFO(
       "SPI_KEYPAIR_HANDLE hKeypair = %p, char *label = %s, int labellen = %d, "
       "int *pretlabellen = %d",

@@ -11,6 +11,7 @@
 #include "log/trace_log.h"
 #include "platform/orvel_crypto.h"
 #include "platform/skf.h"
+#include "provider/buffer_protocol.h"
 #include "provider/records.h"
 
 int GetRSAPublicKey(HCONTAINER hCon, int bSignFlag, unsigned char **keyblob, int *keybloblen,
@@ -147,10 +148,9 @@ TEMBRA_API int DeviceExportPublicKey(SPI_PUBLICKEY_HANDLE hPublicKey, unsigned c
     LOG_ERROR("m_pubKey==0 || m_pubKey<=0 ");
     return ORVEL_PKI_BADARGUMENT;
   }
-  if (pretkeybloblen != nullptr) *pretkeybloblen = hPublicKey->m_pubKeyLen;
-  if (keyblob == nullptr) return ORVEL_PKI_OK;
-  if (keybloblen < hPublicKey->m_pubKeyLen) return ORVEL_PKI_MOREDATA;
-  memcpy(keyblob, hPublicKey->m_pubKey, static_cast<size_t>(hPublicKey->m_pubKeyLen));
+  int rv = copyOut(hPublicKey->m_pubKey, hPublicKey->m_pubKeyLen, keyblob, keybloblen,
+                   pretkeybloblen);
+  if (rv != ORVEL_PKI_OK || keyblob == nullptr) return rv;
   logHexDump(__func__, "keyblob", keyblob, logValueAt(pretkeybloblen));
   return ORVEL_PKI_OK;
 }
