@@ -137,6 +137,46 @@ TEMBRA_API int DeviceUnlockPwd(SPI_DEVICE_HANDLE hDevice, int type, const char *
                                const char *newpwd, int *pretrynum);
 TEMBRA_API int DeviceGetPwdRetryNum(SPI_DEVICE_HANDLE hDevice, int type, int *pretrynum);
 
+/* ---- Key pair generation, deletion and import ----------------------- */
+TEMBRA_API int DeviceGenerateKeypair(SPI_DEVICE_HANDLE hDevice, int algo, int keybits,
+                                     const void *param, int type, const char *label,
+                                     SPI_KEYPAIR_HANDLE *phKeypair);
+TEMBRA_API int DeviceDeleteKeypair(SPI_KEYPAIR_HANDLE hKeypair);
+TEMBRA_API int DeviceImportKeypair(SPI_DEVICE_HANDLE hDevice, const unsigned char *keyblob,
+                                   int keybloblen, int type, const char *label,
+                                   SPI_KEYPAIR_HANDLE *phKeypair);
+
+/* ---- Random numbers and hashing ------------------------------------ */
+TEMBRA_API int DeviceGenerateRandom(SPI_DEVICE_HANDLE hDevice, int len, unsigned char *rand);
+TEMBRA_API SPI_HASH_HANDLE DeviceNewHash(SPI_DEVICE_HANDLE hDevice, int algo);
+TEMBRA_API int DeviceHashUpdate(SPI_HASH_HANDLE hHash, const unsigned char *data, int datalen);
+TEMBRA_API int DeviceHashFinal(SPI_HASH_HANDLE hHash, unsigned char *hashvalue, int hashvaluelen,
+                               int *prethashvaluelen);
+TEMBRA_API int DeviceFreeHash(SPI_HASH_HANDLE hHash);
+
+/* ---- Symmetric ciphers --------------------------------------------- */
+/* For the CBC algorithms `param` points to the 16-byte IV. */
+TEMBRA_API SPI_CIPHER_HANDLE DeviceNewCipher(SPI_DEVICE_HANDLE hDevice, int enc, int algo,
+                                             const unsigned char *key, int keylen,
+                                             const void *param);
+TEMBRA_API int DeviceCipherUpdate(SPI_CIPHER_HANDLE hCipher, const unsigned char *in, int inlen,
+                                  unsigned char *out, int outlen, int *pretoutlen);
+TEMBRA_API int DeviceFreeCipher(SPI_CIPHER_HANDLE hCipher);
+
+/* ---- Data objects -------------------------------------------------- */
+TEMBRA_API int DeviceCreateData(SPI_DEVICE_HANDLE hDevice, int dataId, const char *mode,
+                                int length);
+TEMBRA_API int DeviceReadDataEx(SPI_DEVICE_HANDLE hDevice, int dataId, int offset,
+                                unsigned char *data, int datalen, int *pretdatalen);
+TEMBRA_API int DeviceWriteDataEx(SPI_DEVICE_HANDLE hDevice, int dataId, int offset,
+                                 const unsigned char *data, int datalen);
+TEMBRA_API int DeviceDeleteData(SPI_DEVICE_HANDLE hDevice, int dataId);
+
+/* ---- Capabilities -------------------------------------------------- */
+/* 1 supported, 0 not supported. */
+TEMBRA_API int DeviceIsSupportedAlgorithm2(SPI_DEVICE_HANDLE hDevice, int algo, int keyLen,
+                                           int usage, const void *param);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
