@@ -176,6 +176,8 @@ ECCCIPHERBLOB *decodeSm2CipherText(const unsigned char *cipher, int cipherLen) {
   // size_t arithmetic: cipherLen + 68 cannot overflow here.
   const size_t total = static_cast<size_t>(cipherLen);
   const size_t messageLen = total - SM2_CIPHER_OVERHEAD;
+  // Checked before anything is allocated or copied.
+  if (messageLen > SM2_CIPHER_MAX_MESSAGE) return nullptr;
   unsigned char *block = static_cast<unsigned char *>(calloc(1, total + 68));
   if (block == nullptr) return nullptr;
 

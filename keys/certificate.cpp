@@ -12,6 +12,7 @@
 #include "log/trace_log.h"
 #include "platform/skf.h"
 #include "provider/buffer_protocol.h"
+#include "provider/lock.h"
 #include "provider/records.h"
 
 int GetCertificate(HCONTAINER hCon, int bSignFlag, unsigned char **cert, int *certlen) {
@@ -85,6 +86,9 @@ TEMBRA_API int DeviceGetCertificate(SPI_KEYPAIR_HANDLE hKeypair, int index, unsi
   if (hKeypair == nullptr || hKeypair->m_device == nullptr) return ORVEL_PKI_NULLHANDLE;
   if (index >= hKeypair->m_device->m_containerCount) return ORVEL_PKI_BADARGUMENT;
 
+  // The cache is read and copied under g_lock: DeviceUpdateCertificate on
+  // another thread frees and replaces the buffer under the same lock.
+  ProviderLock lock;
   const Container *container = keypairContainer(hKeypair);
   int len = 0;
   const unsigned char *cert = nullptr;
@@ -96,6 +100,7 @@ TEMBRA_API int DeviceGetCertificate(SPI_KEYPAIR_HANDLE hKeypair, int index, unsi
   // A length without bytes is left behind by a failed update (see
   // DeviceUpdateCertificate): it counts as no certificate here.
   if (len <= 0 || cert == nullptr) {
+    lock.release();
     LOG_ERROR("len <= 0");
     return ORVEL_PKI_FAIL;
   }

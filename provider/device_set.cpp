@@ -81,19 +81,12 @@ TEMBRA_API int DeviceFreeDevice(SPI_DEVICE_HANDLE hDevice) {
   LOG_INFO("hDevice = %p", static_cast<void *>(hDevice));
   if (hDevice == nullptr) return ORVEL_PKI_OK;
 
-  ProviderLock lock;
-  int refCount = --hDevice->m_refCount;
-  int keypairCount = hDevice->m_keypairCount;
-  int hashCount = hDevice->m_hashCount;
-  int cipherCount = hDevice->m_cipherCount;
-  bool destroy = refCount == cipherCount + hashCount + keypairCount;
-  lock.release();
-
+  DeviceRelease seen = releaseDeviceReference(hDevice);
   LOG_INFO(
       "hDevice->m_refCount=%d, hDevice->m_keypairCount=%d, hDevice->m_hashCount=%d, "
       "hDevice->m_cipherCount=%d",
-      refCount, keypairCount, hashCount, cipherCount);
-  if (destroy) freeDevice(hDevice);
+      seen.m_refCount, seen.m_keypairCount, seen.m_hashCount, seen.m_cipherCount);
+  if (seen.m_destroy) freeDevice(hDevice);
   return ORVEL_PKI_OK;
 }
 

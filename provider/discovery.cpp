@@ -238,9 +238,10 @@ static Device *createEmptyKeyHandle(DEVHANDLE hDev, const DEVINFO *info) {
   return hDevice;
 }
 
+// Part of addDevice: its line carries addDevice's name.
 static void storeDevice(DeviceSet *hSet, Device *hDevice) {
   hSet->m_handles[hSet->m_count] = hDevice;
-  LOG_DEBUG("hSet->m_handles[%d]=%p", hSet->m_count, static_cast<void *>(hDevice));
+  LOG_DEBUG_AS("addDevice", "hSet->m_handles[%d]=%p", hSet->m_count, static_cast<void *>(hDevice));
   hSet->m_count++;
 }
 
@@ -295,7 +296,7 @@ static void addDevice(DeviceSet *hSet, const char *name) {
   if (rv == SAR_OK && appNameLen != 0 && appNameList[0] != '\0') {
     walkNameList(appNameList, appNameLen, sizeof(appNameList), [&](const char *appName) {
       if (hSet->m_count >= DEVICE_SET_CAPACITY) {
-        LOG_WARN("hSet->m_count >= DEVICE_SET_CAPACITY");
+        LOG_WARN_AS("addDevice", "hSet->m_count >= DEVICE_SET_CAPACITY");
         return false;
       }
       HAPPLICATION hApp = nullptr;

@@ -112,9 +112,15 @@ int removeHandle(void **array, int32_t *count, void *record) {
   return 0;
 }
 
-int releaseDeviceReference(struct Device *device) {
-  if (device == nullptr) return 0;
+DeviceRelease releaseDeviceReference(struct Device *device) {
+  DeviceRelease seen = {0, 0, 0, 0, 0};
+  if (device == nullptr) return seen;
   ProviderLock lock;
-  device->m_refCount -= 1;
-  return device->m_refCount == device->m_cipherCount + device->m_hashCount + device->m_keypairCount;
+  seen.m_refCount = --device->m_refCount;
+  seen.m_keypairCount = device->m_keypairCount;
+  seen.m_hashCount = device->m_hashCount;
+  seen.m_cipherCount = device->m_cipherCount;
+  seen.m_destroy =
+      seen.m_refCount == seen.m_cipherCount + seen.m_hashCount + seen.m_keypairCount ? 1 : 0;
+  return seen;
 }

@@ -69,7 +69,7 @@ struct Container {
 };
 
 struct Keypair {
-  int32_t m_index;  // slot of its container in m_device->m_containers
+  int32_t m_index;          // slot of its container in m_device->m_containers
   struct Device *m_device;  // null once deleted: the handle owns the record
   char *m_label;
   int32_t m_keytype;  // ORVEL_PKI_KEYPAIRTYPE_SIGNATURE or _ENCRYPT
@@ -132,8 +132,20 @@ int appendHandle(void ***array, int32_t *allocCount, int32_t count, void *record
 // entries down. Returns 1 when found (and decrements *count), else 0.
 int removeHandle(void **array, int32_t *count, void *record);
 
-// The release rule: under g_lock subtract one reference and report whether
-// the device must now be destroyed (the caller destroys it after the lock).
-int releaseDeviceReference(struct Device *device);
+// What one release saw under g_lock: the counts after the decrement, for the
+// caller's log line, and whether the device must now be destroyed.
+struct DeviceRelease {
+  int32_t m_refCount;
+  int32_t m_keypairCount;
+  int32_t m_hashCount;
+  int32_t m_cipherCount;
+  int m_destroy;
+};
+
+// The release rule of DeviceFreeDevice: under g_lock subtract one reference;
+// the device is to be destroyed once the references left are only those of
+// its own key pairs, hashes and ciphers. The caller destroys it, and writes
+// its log line, after the lock is left. A null device releases nothing.
+struct DeviceRelease releaseDeviceReference(struct Device *device);
 
 #endif  // TEMBRA_PROVIDER_RECORDS_H

@@ -50,7 +50,7 @@ class RetryCount {
 };
 
 const char *logText(const char *s) {
-  return s != nullptr ? s : "(null)";
+  return s != nullptr ? s : "0";
 }
 
 }  // namespace
@@ -165,11 +165,6 @@ extern "C" int DeviceGetPwdRetryNum(SPI_DEVICE_HANDLE hDevice, int type, int *pr
   if (hDevice == nullptr) return -2;
   ULONG pinType = 0;
   if (!skfPinType(type, &pinType)) return -1;
-  // The count has nowhere to go without the pointer.
-  if (pretrynum == nullptr) {
-    LOG_ERROR("pretrynum == 0");
-    return -1;
-  }
 
   ULONG maxRetries = 0;
   ULONG remainingRetries = 0;
@@ -189,6 +184,7 @@ extern "C" int DeviceGetPwdRetryNum(SPI_DEVICE_HANDLE hDevice, int type, int *pr
     LOG_ERROR("SKF_GetPINInfo fail, error : 0x%08X", static_cast<unsigned>(rv));
     return 0;
   }
-  *pretrynum = static_cast<int>(remainingRetries);
+  // A null pointer takes the same path; only the store is skipped.
+  if (pretrynum != nullptr) *pretrynum = static_cast<int>(remainingRetries);
   return 1;
 }

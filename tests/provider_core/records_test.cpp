@@ -118,7 +118,7 @@ TEST_F(RecordsTest, NullRecordsAreIgnored) {
   freeHashContext(nullptr);
   freeCipherContext(nullptr);
   EXPECT_TRUE(fake::calls().empty());
-  EXPECT_EQ(releaseDeviceReference(nullptr), 0);
+  EXPECT_EQ(releaseDeviceReference(nullptr).m_destroy, 0);
 }
 
 // ---- The release rule ----------------------------------------------------
@@ -146,8 +146,12 @@ TEST_P(ReleaseRuleTest, DestroysWhenOnlyOwnedReferencesRemain) {
   device.m_hashCount = c.hashes;
   device.m_cipherCount = c.ciphers;
 
-  EXPECT_EQ(releaseDeviceReference(&device), c.destroy);
+  DeviceRelease seen = releaseDeviceReference(&device);
+  EXPECT_EQ(seen.m_destroy, c.destroy);
   EXPECT_EQ(device.m_refCount, c.refCount - 1);
+  EXPECT_EQ(seen.m_refCount, c.refCount - 1);
+  EXPECT_EQ(seen.m_keypairCount + seen.m_hashCount + seen.m_cipherCount,
+            c.keypairs + c.hashes + c.ciphers);
   EXPECT_TRUE(fake::calls().empty());  // the caller destroys, after the lock
 
   // The lock is free again for another thread.

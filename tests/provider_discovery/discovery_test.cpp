@@ -160,7 +160,9 @@ TEST_F(DiscoveryTest, ThirtyThreeContainersGiveThirtyTwo) {
 }
 
 // The set holds 16 devices: a 17th application is not even opened. (A token
-// holds at most 16 applications, hence two tokens.) Provisioning 17
+// holds at most 16 applications, hence two tokens; the second fills the set
+// while walking its applications.) Each stored record gets a debug line, and
+// both lines carry addDevice in their function field. Provisioning 17
 // applications takes minutes under Wine; the logic is the same on both
 // platforms, so the Windows build leaves this case out.
 TEST_F(DiscoveryTest, SeventeenApplicationsGiveSixteenDevices) {
@@ -169,17 +171,28 @@ TEST_F(DiscoveryTest, SeventeenApplicationsGiveSixteenDevices) {
 #endif
   DeviceSpec first = token({});
   first.name = "TokenA";
-  for (int i = 0; i < 16; i++)
+  for (int i = 0; i < 15; i++)
     first.applications.push_back(application("A" + std::to_string(i), {}));
-  DeviceSpec second = token({application("B", {})});
+  DeviceSpec second = token({application("B0", {}), application("B1", {})});
   second.name = "TokenB";
   m_store.provision(first);
   m_store.provision(second);
   mark();
+  tembra::test::setEnv("TEMBRA_KEY_PROV_LOG_LEVEL", "4");
   discover();
+  tembra::test::unsetEnv("TEMBRA_KEY_PROV_LOG_LEVEL");
   EXPECT_EQ(DeviceGetDeviceCount(m_set), 16);
   EXPECT_EQ(calls("SKF_OpenApplication"), 16);
+  EXPECT_EQ(m_log.messages("[WARN]"),
+            std::vector<std::string>{"hSet->m_count >= DEVICE_SET_CAPACITY"});
   EXPECT_TRUE(logged("[WARN]", "addDevice", "hSet->m_count >= DEVICE_SET_CAPACITY"));
+  for (int i = 0; i < 16; i++) {
+    SPI_DEVICE_HANDLE device = DeviceGetDevice(m_set, i);
+    EXPECT_TRUE(logged("[DEBUG]", "addDevice",
+                       "hSet->m_handles[" + std::to_string(i) + "]=" + pointerText(device)))
+        << i;
+    DeviceFreeDevice(device);
+  }
   freeSet();
   EXPECT_EQ(calls("SKF_CloseApplication"), 16);
 }

@@ -10,6 +10,7 @@
 
 #include "crypto/backend.h"
 #include "crypto/key_formats.h"
+#include "import/sm2_cipher.h"
 #include "provider/records.h"
 #include "softskf/include/softskf.h"
 #include "tests/provider_ops/ops_fixture.h"
@@ -124,44 +125,60 @@ TEST_F(DecryptTest, ChecksRefuseBeforeTheToken) {
   }
 }
 
-// The flat SM2 form at its bounds: 96 bytes and a wrong first byte are
-// refused before the token; 97 bytes (an empty C2) reach it with CipherLen 0.
+// The flat SM2 form at its bounds: 96 bytes, a wrong first byte and a C2
+// longer than any token takes are refused before the token (and before the
+// copy); 97 bytes (an empty C2) and the longest C2 reach it with their length.
 TEST_F(DecryptTest, Sm2CipherTextBounds) {
   SPI_KEYPAIR_HANDLE hKeypair = keypair(kEncrypt, "sm2");
   login();
   const std::vector<uint8_t> good = sm2Cipher(hKeypair, "bounds");
   ASSERT_EQ(97u + 6u, good.size());
-  std::string plain;
-
-  mark();
-  std::vector<uint8_t> short96(good.begin(), good.begin() + 96);
-  EXPECT_EQ(0, decrypt(hKeypair, kSm2Enc, short96, 64, plain));
-  EXPECT_TRUE(m_log.has("[ERROR]", "decodeSm2CipherText", "cipherLen < 97"));
-  EXPECT_EQ(
-      (std::vector<std::string>{"cipherLen < 97", "decodeSm2CipherText(cipher, cipherlen) == 0"}),
-      m_log.messages("[ERROR]"));
-  EXPECT_TRUE(tembra::test::tokenCallLog().empty());
-
-  mark();
+  // C1 and C3 of the good ciphertext around a C2 of `length` bytes.
+  auto withMessage = [&good](size_t length) {
+    std::vector<uint8_t> cipher(good.begin(), good.begin() + 65);
+    cipher.insert(cipher.end(), length, 0x5A);
+    cipher.insert(cipher.end(), good.end() - 32, good.end());
+    return cipher;
+  };
   std::vector<uint8_t> compressed = good;
   compressed[0] = 0x02;
-  EXPECT_EQ(0, decrypt(hKeypair, kSm2Enc, compressed, 64, plain));
-  EXPECT_EQ(std::vector<std::string>{"decodeSm2CipherText(cipher, cipherlen) == 0"},
-            m_log.messages("[ERROR]"));
-  EXPECT_TRUE(m_log.has("[ERROR]", "DevicePrivateKeyDecrypt",
-                        "decodeSm2CipherText(cipher, cipherlen) == 0"));
-  EXPECT_TRUE(tembra::test::tokenCallLog().empty());
-
-  // C1 and C3 of the good ciphertext around an empty C2.
-  mark();
-  std::vector<uint8_t> empty(good.begin(), good.begin() + 65);
-  empty.insert(empty.end(), good.end() - 32, good.end());
-  ASSERT_EQ(97u, empty.size());
-  decrypt(hKeypair, kSm2Enc, empty, 64, plain);
-  const std::vector<std::string> calls = tokenCalls("SKF_ECCDecrypt");
-  ASSERT_EQ(1u, calls.size());
-  EXPECT_EQ("0", callField(calls[0], "CipherLen"));
-  EXPECT_EQ("0", callField(calls[0], "bSignFlag"));
+  const std::string decodeFail = "decodeSm2CipherText(cipher, cipherlen) == 0";
+  struct Case {
+    const char *name;
+    std::vector<uint8_t> cipher;
+    std::vector<std::string> errors;  // when refused before the token
+    const char *tokenCipherLen;       // CipherLen the token sees, or null
+  };
+  const Case cases[] = {
+      {"Short96",
+       std::vector<uint8_t>(good.begin(), good.begin() + 96),
+       {"cipherLen < 97", decodeFail},
+       nullptr},
+      {"NotUncompressed", compressed, {decodeFail}, nullptr},
+      {"LongerThanAnyToken", withMessage(SM2_CIPHER_MAX_MESSAGE + 1), {decodeFail}, nullptr},
+      {"EmptyMessage", withMessage(0), {}, "0"},
+      {"LongestMessage", withMessage(SM2_CIPHER_MAX_MESSAGE), {}, "65536"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    mark();
+    std::string plain;
+    const int rv = decrypt(hKeypair, kSm2Enc, c.cipher, 64, plain);
+    const std::vector<std::string> calls = tokenCalls("SKF_ECCDecrypt");
+    if (c.tokenCipherLen == nullptr) {
+      EXPECT_EQ(0, rv);
+      EXPECT_EQ(c.errors, m_log.messages("[ERROR]"));
+      EXPECT_TRUE(m_log.has("[ERROR]", "DevicePrivateKeyDecrypt", decodeFail));
+      if (c.errors.size() == 2) {
+        EXPECT_TRUE(m_log.has("[ERROR]", "decodeSm2CipherText", "cipherLen < 97"));
+      }
+      EXPECT_TRUE(tembra::test::tokenCallLog().empty());
+      continue;
+    }
+    ASSERT_EQ(1u, calls.size());
+    EXPECT_EQ(c.tokenCipherLen, callField(calls[0], "CipherLen"));
+    EXPECT_EQ("0", callField(calls[0], "bSignFlag"));
+  }
 }
 
 // A short buffer: -4, the true length, the buffer untouched; the reported

@@ -145,9 +145,14 @@ const PinCase kPinCases[] = {
     {"RetryTokenFailure", [](SPI_DEVICE_HANDLE h, int *r) { return DeviceGetPwdRetryNum(h, 1, r); },
      "SKF_GetPINInfo", kFail, 0, kUntouched, true, "SKF_GetPINInfo fail, error : 0x0A000001",
      nullptr},
+    // Without a count pointer the token is still asked; only the store is skipped.
     {"RetryNullCount",
-     [](SPI_DEVICE_HANDLE h, int *) { return DeviceGetPwdRetryNum(h, 1, nullptr); }, nullptr, 0, -1,
-     kUntouched, false, "pretrynum == 0", nullptr},
+     [](SPI_DEVICE_HANDLE h, int *) { return DeviceGetPwdRetryNum(h, 1, nullptr); }, nullptr, 0, 1,
+     kUntouched, true, nullptr, nullptr},
+    {"RetryNullCountTokenFailure",
+     [](SPI_DEVICE_HANDLE h, int *) { return DeviceGetPwdRetryNum(h, 1, nullptr); },
+     "SKF_GetPINInfo", kFail, 0, kUntouched, true, "SKF_GetPINInfo fail, error : 0x0A000001",
+     nullptr},
 };
 
 // One token for the whole table: each case that changes the token's state
@@ -242,6 +247,9 @@ TEST_F(PinTest, ArgumentLines) {
   DeviceChangePwd(device(), 9, "old", "new", &retries);
   DeviceUnlockPwd(device(), 9, "so", "new", &retries);
   DeviceUnlockPwd(device(), 9, "so", "new", nullptr);
+  DeviceVerifyPwd(device(), 1, nullptr, &retries);
+  DeviceChangePwd(device(), 1, nullptr, nullptr, &retries);
+  DeviceUnlockPwd(device(), 1, nullptr, nullptr, nullptr);
 
   const std::vector<std::string> expected = {
       "hDevice = " + h + ", int type = 1\xEF\xBC\x8C int *pretrynum = 0",
@@ -253,6 +261,12 @@ TEST_F(PinTest, ArgumentLines) {
       "hDevice = " + h + ", int type = 9, const char *sopwd = so, const char *newpwd = new, " +
           "int *pretrynum = " + pointer,
       "hDevice = " + h + ", int type = 9, const char *sopwd = so, const char *newpwd = new, " +
+          "int *pretrynum = " + nullPointer,
+      // Null PIN texts print as 0.
+      "hDevice = " + h + ", type = 1, pwd = 0, *pretrynum = 7",
+      "hDevice = " + h +
+          ", int type = 1, const char *oldpwd = 0, const char *newpwd = 0, int *pretrynum = 7",
+      "hDevice = " + h + ", int type = 1, const char *sopwd = 0, const char *newpwd = 0, " +
           "int *pretrynum = " + nullPointer,
   };
   EXPECT_EQ(expected, m_log.messages("[INFO]"));
@@ -290,6 +304,9 @@ TEST_F(UnformattedTest, PinCallsRefuseTheDevice) {
        "hDevice->m_isformat == 0"},
       {"DeviceGetPwdRetryNum",
        [](SPI_DEVICE_HANDLE h, int *r) { return DeviceGetPwdRetryNum(h, 2, r); },
+       "hDevice->m_isformat == 0"},
+      {"DeviceGetPwdRetryNum",
+       [](SPI_DEVICE_HANDLE h, int *) { return DeviceGetPwdRetryNum(h, 1, nullptr); },
        "hDevice->m_isformat == 0"},
   };
   for (const Case &c : cases) {
