@@ -1,8 +1,11 @@
 // Signing from several threads at once, on one device and on two: every
 // signature must verify (the token call is serialised under the provider's
-// lock; nothing else is shared).
+// lock; nothing else is shared). Then mixed operations on one device at once:
+// certificate reads against updates, signing, key pair handles and PIN retry
+// queries (the test the ThreadSanitizer build runs).
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -91,6 +94,62 @@ TEST_F(SignThreadsTest, OneDevice) {
 
 TEST_F(SignThreadsTest, TwoDevices) {
   signConcurrently({signer("first-label"), signer("second-label")});
+}
+
+// One thread replaces the signature certificate again and again, alternating
+// two certificates of different lengths, while others read it, sign, take
+// and release key pair handles and ask for the PIN retry count. Every read
+// must give one certificate whole, never a mix or freed memory.
+TEST_F(SignThreadsTest, MixedOperationsOnOneDevice) {
+  const Signer s = signer("first-label");
+  SPI_DEVICE_HANDLE hDevice = device("first-label");
+  const std::vector<uint8_t> certs[] = {std::vector<uint8_t>(600, 0xA1),
+                                        std::vector<uint8_t>(900, 0xB2)};
+  ASSERT_EQ(1, DeviceUpdateCertificate(s.hKeypair, certs[0].data(), 600));
+
+  std::atomic<bool> done{false};
+  std::atomic<int> failures{0};
+  auto check = [&failures](bool ok) {
+    if (!ok) ++failures;
+  };
+  // Each worker runs its operation until the writer is done, at least 20 times.
+  auto worker = [&done](auto operation) {
+    return std::thread([&done, operation] {
+      for (int i = 0; i < 20 || !done; ++i) operation();
+    });
+  };
+  std::vector<std::thread> threads;
+  threads.push_back(worker([&] {
+    std::vector<uint8_t> out(1024);
+    int len = 0;
+    check(DeviceGetCertificate(s.hKeypair, 0, out.data(), 1024, &len) == 1);
+    const size_t n = static_cast<size_t>(len);
+    check(n == 600 || n == 900);
+    check(std::vector<uint8_t>(out.begin(), out.begin() + n) == certs[n == 600 ? 0 : 1]);
+  }));
+  threads.push_back(worker([&] {
+    uint8_t digest[32] = {1};
+    uint8_t signature[80];
+    int len = 0;
+    check(DeviceSign(s.hKeypair, ORVEL_PKI_ALGORITHM_SM2_SIGN, nullptr, digest, 32, signature,
+                     80, &len) == 1);
+  }));
+  threads.push_back(worker([&] {
+    SPI_KEYPAIR_HANDLE h = DeviceGetKeypair(hDevice, 0);
+    check(h != nullptr && DeviceGetKeypairCount(hDevice) == 1);
+    DeviceFreeKeypair(h);
+  }));
+  threads.push_back(worker([&] {
+    int retries = 0;
+    check(DeviceGetPwdRetryNum(hDevice, 1, &retries) == 1 && retries == static_cast<int>(kRetries));
+  }));
+  for (int i = 1; i <= 30; ++i) {
+    const std::vector<uint8_t> &cert = certs[i % 2];
+    check(DeviceUpdateCertificate(s.hKeypair, cert.data(), static_cast<int>(cert.size())) == 1);
+  }
+  done = true;
+  for (std::thread &thread : threads) thread.join();
+  EXPECT_EQ(0, failures.load());
 }
 
 }  // namespace
