@@ -3,6 +3,10 @@
 // first input byte picks the file (even: device record, odd: application
 // file), the rest replaces it; the public SKF interface then reads the token
 // as a host would. The other file is put back as provisioned.
+//
+// Store files end in an SM3 check over the rest. With bit 1 of the first
+// byte set the input is the file without it, and the target appends the
+// check, so that inputs reach the record parser and what reads the records.
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
@@ -10,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "crypto/backend.h"
 #include "fuzz/fuzz_limits.h"
 #include "fuzz/fuzz_store.h"
 #include "platform/skf.h"
@@ -45,6 +50,12 @@ Store &store() {
     if (made.device.empty() || made.app.empty()) abort();
     fuzzstore::writeSeed("device_record", 0, made.device);
     fuzzstore::writeSeed("application_file", 1, made.app);
+    const size_t check = tembra::crypto::kSm3DigestSize;
+    fuzzstore::writeSeed(
+        "device_record_body", 2,
+        std::vector<unsigned char>(made.device.begin(), made.device.end() - check));
+    fuzzstore::writeSeed("application_body", 3,
+                         std::vector<unsigned char>(made.app.begin(), made.app.end() - check));
     return made;
   }();
   return s;
@@ -117,13 +128,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 1 || size > kMaxFuzzInput) return 0;
   Store &s = store();
   const bool appFile = (data[0] & 1) != 0;
+  std::vector<unsigned char> file(data + 1, data + size);
+  if ((data[0] & 2) != 0) {
+    uint8_t check[tembra::crypto::kSm3DigestSize];
+    if (!tembra::crypto::sm3(file.data(), file.size(), check)) abort();
+    file.insert(file.end(), check, check + sizeof check);
+  }
   if (appFile) {
-    fuzzstore::writeAll(s.appPath, data + 1, size - 1);
+    fuzzstore::writeAll(s.appPath, file.data(), file.size());
     s.appChanged = true;
     if (s.deviceChanged) fuzzstore::writeAll(s.devicePath, s.device.data(), s.device.size());
     s.deviceChanged = false;
   } else {
-    fuzzstore::writeAll(s.devicePath, data + 1, size - 1);
+    fuzzstore::writeAll(s.devicePath, file.data(), file.size());
     s.deviceChanged = true;
     if (s.appChanged) fuzzstore::writeAll(s.appPath, s.app.data(), s.app.size());
     s.appChanged = false;
