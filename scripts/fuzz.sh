@@ -47,7 +47,8 @@ for t in "${targets[@]}"; do
   mkdir -p "$corpus"
   log=build/fuzz/logs/$t.log
   echo "== $t (${seconds}s)"
-  if ! build/fuzz/bin/"$t" -max_total_time="$seconds" -jobs=1 -workers=1 -max_len=65536 \
+  # One process, one job: the machine's other cores stay with the builds.
+  if ! build/fuzz/bin/"$t" -max_total_time="$seconds" -max_len=65536 \
        -print_final_stats=1 -artifact_prefix=build/fuzz/logs/"$t"- "$corpus" fuzz/corpus/"$t" \
        >"$log" 2>&1; then
     tail -40 "$log"
