@@ -32,8 +32,8 @@ SKF_API ULONG DEVAPI SKFSoft_SetPresent(const char *name, BOOL present);
  * for the device from now on, on every later connection in any process;
  * what the token computes does not change (it still does SMS4 and SM3
  * only). SAR_FILE_NOT_EXIST for an unknown device. */
-SKF_API ULONG DEVAPI SKFSoft_SetCapabilities(LPSTR szDevName, ULONG ulAlgSymCap,
-                                             ULONG ulAlgAsymCap, ULONG ulAlgHashCap);
+SKF_API ULONG DEVAPI SKFSoft_SetCapabilities(LPSTR szDevName, ULONG ulAlgSymCap, ULONG ulAlgAsymCap,
+                                             ULONG ulAlgHashCap);
 /* The next `times` calls of the named SKF function ("SKF_LockDev") return
  * `result` without acting; -1 means always, 0 clears the switch. */
 SKF_API ULONG DEVAPI SKFSoft_SetFault(const char *function, ULONG result, int times);

@@ -133,9 +133,8 @@ bool decodeDevice(const std::vector<uint8_t> &bytes, DeviceRecord &device) {
     return false;
   }
   device.hasCapabilities = !r.atEnd();
-  if (device.hasCapabilities &&
-      (!r.u32(device.symCapability) || !r.u32(device.asymCapability) ||
-       !r.u32(device.hashCapability) || !r.atEnd())) {
+  if (device.hasCapabilities && (!r.u32(device.symCapability) || !r.u32(device.asymCapability) ||
+                                 !r.u32(device.hashCapability) || !r.atEnd())) {
     return false;
   }
   memcpy(device.authKey.data(), key.data(), 16);
