@@ -33,6 +33,15 @@ void describeParam(Call &call, HANDLE hKey, const BLOCKCIPHERPARAM &param) {
       .number("PaddingType", param.PaddingType);
 }
 
+// True when the output starts inside the input (or the input inside the
+// output) without being the same buffer: the cipher then goes through a
+// buffer of its own. The same buffer (in place) is fine.
+bool partlyOverlapping(const BYTE *in, const BYTE *out, ULONG len) {
+  const uintptr_t a = reinterpret_cast<uintptr_t>(in);
+  const uintptr_t b = reinterpret_cast<uintptr_t>(out);
+  return a != b && a < b + len && b < a + len;
+}
+
 // One whole operation over the input; the key returns to idle once output
 // has been written.
 ULONG runCipher(Call &call, HANDLE hKey, CipherState expected, const BYTE *in, ULONG inLen,
@@ -46,6 +55,17 @@ ULONG runCipher(Call &call, HANDLE hKey, CipherState expected, const BYTE *in, U
   const bool cbc = key->algorithm == SGD_SMS4_CBC;
   if (!key->padding || !encrypt) {
     if (inLen % 16 != 0 || (key->padding && inLen == 0)) return SAR_INDATALENERR;
+  }
+  if (!key->padding && out != nullptr && *outLen >= inLen && !partlyOverlapping(in, out, inLen)) {
+    // Output as long as the input, and room for it: written straight into
+    // the caller's buffer, with no intermediate copy.
+    const bool done =
+        inLen == 0 || (cbc ? crypto::sm4Cbc(encrypt, key->key.data(), key->iv, in, inLen, out)
+                           : crypto::sm4Ecb(encrypt, key->key.data(), in, inLen, out));
+    if (!done) return encrypt ? SAR_FAIL : SAR_DECRYPTPADERR;
+    *outLen = inLen;
+    key->state = CipherState::Idle;
+    return SAR_OK;
   }
   SecureBytes result;
   bool ok;

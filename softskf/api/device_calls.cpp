@@ -112,9 +112,10 @@ ULONG DEVAPI SKF_GetDevInfo(DEVHANDLE hDev, DEVINFO *pDevInfo) {
     copyText(info.SerialNumber, sizeof info.SerialNumber, record.serial);
     info.HWVersion.major = 1;
     info.FirmwareVersion.major = 1;
-    info.AlgSymCap = SGD_SMS4_ECB | SGD_SMS4_CBC;
-    info.AlgAsymCap = SGD_RSA | SGD_SM2_1 | SGD_SM2_3;
-    info.AlgHashCap = SGD_SM3;
+    info.AlgSymCap = record.hasCapabilities ? record.symCapability : SGD_SMS4_ECB | SGD_SMS4_CBC;
+    info.AlgAsymCap =
+        record.hasCapabilities ? record.asymCapability : SGD_RSA | SGD_SM2_1 | SGD_SM2_3;
+    info.AlgHashCap = record.hasCapabilities ? record.hashCapability : SGD_SM3;
     info.DevAuthAlgId = SGD_SMS4_ECB;
     info.TotalSpace = kTotalSpace;
     {

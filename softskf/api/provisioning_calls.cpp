@@ -78,6 +78,27 @@ ULONG DEVAPI SKFSoft_SetPresent(const char *name, BOOL present) {
   });
 }
 
+ULONG DEVAPI SKFSoft_SetCapabilities(LPSTR szDevName, ULONG ulAlgSymCap, ULONG ulAlgAsymCap,
+                                     ULONG ulAlgHashCap) {
+  return guarded([&]() -> ULONG {
+    std::lock_guard<std::mutex> lock(token().mutex);
+    std::string deviceName;
+    ULONG rv;
+    if ((rv = takeName(szDevName, kMaxDeviceNameLen, deviceName)) != SAR_OK) return rv;
+    DeviceLocation location{currentStoreDirectory(), deviceName};
+    StoreLock storeLock(location);
+    DeviceRecord record;
+    rv = loadDevice(location, record);
+    if (rv == SAR_INVALIDPARAMERR) return SAR_FILE_NOT_EXIST;  // no such device
+    if (rv != SAR_OK) return rv;
+    record.hasCapabilities = true;
+    record.symCapability = ulAlgSymCap;
+    record.asymCapability = ulAlgAsymCap;
+    record.hashCapability = ulAlgHashCap;
+    return saveDevice(location, record);
+  });
+}
+
 ULONG DEVAPI SKFSoft_SetFault(const char *function, ULONG result, int times) {
   return guarded([&]() -> ULONG {
     std::lock_guard<std::mutex> lock(token().mutex);

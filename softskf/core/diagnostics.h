@@ -19,6 +19,7 @@ class CallRecord {
  public:
   void start();  // clears the record and starts recording
   void stop();   // stops recording; the lines stay readable
+  bool recording() const { return m_recording; }
   // Appends a line if recording; answers its index (or -1).
   long append(const std::string &line);
   // Adds text to a line appended earlier.
@@ -36,6 +37,7 @@ class FaultSwitch {
   // times: -1 always, 0 clears, n > 0 the next n calls.
   void set(const std::string &function, ULONG result, int times);
   void clear() { m_faults.clear(); }
+  bool empty() const { return m_faults.empty(); }
   // True (with the result) if the function is to fail now; counts down.
   bool take(const std::string &function, ULONG &result);
 

@@ -69,9 +69,15 @@ Token &token() {
 }
 
 Call::Call(const char *function)
-    : m_token(softskf::token()), m_lock(m_token.mutex), m_function(function), m_line(function) {}
+    : m_token(softskf::token()),
+      m_lock(m_token.mutex),
+      m_function(function),
+      m_recording(m_token.calls.recording()) {
+  if (m_recording) m_line = function;
+}
 
 Call &Call::handle(const char *name, HANDLE h) {
+  if (!m_recording) return *this;
   m_line += ' ';
   m_line += name;
   m_line += '=';
@@ -80,6 +86,7 @@ Call &Call::handle(const char *name, HANDLE h) {
 }
 
 Call &Call::number(const char *name, ULONG value) {
+  if (!m_recording) return *this;
   char text[16];
   snprintf(text, sizeof text, "%lu", static_cast<unsigned long>(value));
   m_line += ' ';
@@ -90,6 +97,7 @@ Call &Call::number(const char *name, ULONG value) {
 }
 
 Call &Call::hex(const char *name, ULONG value) {
+  if (!m_recording) return *this;
   char text[16];
   snprintf(text, sizeof text, "0x%08lX", static_cast<unsigned long>(value));
   m_line += ' ';
@@ -100,6 +108,7 @@ Call &Call::hex(const char *name, ULONG value) {
 }
 
 Call &Call::text(const char *name, const char *value) {
+  if (!m_recording) return *this;
   m_line += ' ';
   m_line += name;
   m_line += '=';
@@ -108,6 +117,7 @@ Call &Call::text(const char *name, const char *value) {
 }
 
 Call &Call::bytes(const char *name, const uint8_t *p, size_t n) {
+  if (!m_recording) return *this;
   static const char digits[] = "0123456789ABCDEF";
   m_line += ' ';
   m_line += name;
@@ -120,11 +130,12 @@ Call &Call::bytes(const char *name, const uint8_t *p, size_t n) {
 }
 
 bool Call::faulted(ULONG &result) {
-  m_index = m_token.calls.append(m_line);
-  return m_token.faults.take(m_function, result);
+  if (m_recording) m_index = m_token.calls.append(m_line);
+  return !m_token.faults.empty() && m_token.faults.take(m_function, result);
 }
 
 void Call::output(const char *name, HANDLE h) {
+  if (!m_recording) return;
   std::string text = m_hasOutput ? " " : " -> ";
   text += name;
   text += '=';

@@ -28,6 +28,12 @@ SKF_API ULONG DEVAPI SKFSoft_RemoveDevice(const char *name);
 SKF_API ULONG DEVAPI SKFSoft_SetPresent(const char *name, BOOL present);
 
 /* ---- Test support ---------------------------------------------------- */
+/* The capability bits (GM/T 0006 identifiers) that SKF_GetDevInfo reports
+ * for the device from now on, on every later connection in any process;
+ * what the token computes does not change (it still does SMS4 and SM3
+ * only). SAR_FILE_NOT_EXIST for an unknown device. */
+SKF_API ULONG DEVAPI SKFSoft_SetCapabilities(LPSTR szDevName, ULONG ulAlgSymCap, ULONG ulAlgAsymCap,
+                                             ULONG ulAlgHashCap);
 /* The next `times` calls of the named SKF function ("SKF_LockDev") return
  * `result` without acting; -1 means always, 0 clears the switch. */
 SKF_API ULONG DEVAPI SKFSoft_SetFault(const char *function, ULONG result, int times);

@@ -112,6 +112,13 @@ std::vector<uint8_t> encodeDevice(const DeviceRecord &device) {
   w.bytes(device.authKey.data(), device.authKey.size());
   w.u8(device.present ? 1 : 0);
   w.u32(device.sequence);
+  // Optional tail: a device file without it (written before capabilities
+  // could be set, or never set) reads as the token's own capabilities.
+  if (device.hasCapabilities) {
+    w.u32(device.symCapability);
+    w.u32(device.asymCapability);
+    w.u32(device.hashCapability);
+  }
   return finish(w);
 }
 
@@ -122,7 +129,12 @@ bool decodeDevice(const std::vector<uint8_t> &bytes, DeviceRecord &device) {
   SecureBytes key;
   uint8_t present = 0;
   if (!r.text(device.label, 64) || !r.text(device.serial, 64) || !r.bytes(key, 16) ||
-      key.size() != 16 || !r.u8(present) || !r.u32(device.sequence) || !r.atEnd()) {
+      key.size() != 16 || !r.u8(present) || !r.u32(device.sequence)) {
+    return false;
+  }
+  device.hasCapabilities = !r.atEnd();
+  if (device.hasCapabilities && (!r.u32(device.symCapability) || !r.u32(device.asymCapability) ||
+                                 !r.u32(device.hashCapability) || !r.atEnd())) {
     return false;
   }
   memcpy(device.authKey.data(), key.data(), 16);

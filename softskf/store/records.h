@@ -32,6 +32,13 @@ struct DeviceRecord {
   SecureArray<16> authKey;
   bool present = true;
   uint32_t sequence = 0;  // creation order within the store
+  // Capability bits SKF_GetDevInfo reports instead of the token's own, set
+  // by SKFSoft_SetCapabilities (test support). What the token computes does
+  // not change with them.
+  bool hasCapabilities = false;
+  uint32_t symCapability = 0;
+  uint32_t asymCapability = 0;
+  uint32_t hashCapability = 0;
 };
 
 struct PinRecord {

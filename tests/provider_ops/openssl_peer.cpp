@@ -147,5 +147,33 @@ std::vector<uint8_t> encryptSm2Flat(const std::vector<uint8_t> &spki, const std:
   return flat;
 }
 
+std::vector<uint8_t> sm3(const std::vector<uint8_t> &data) {
+  std::vector<uint8_t> digest(32);
+  unsigned int len = 0;
+  EVP_MD *md = EVP_MD_fetch(nullptr, "SM3", nullptr);
+  if (md == nullptr || EVP_Digest(data.data(), data.size(), digest.data(), &len, md, nullptr) != 1)
+    digest.clear();
+  EVP_MD_free(md);
+  return digest;
+}
+
+std::vector<uint8_t> sm4(bool cbc, bool encrypt, const uint8_t key[16], const uint8_t iv[16],
+                         const std::vector<uint8_t> &data) {
+  std::vector<uint8_t> out(data.size() + 16);
+  EVP_CIPHER *cipher = EVP_CIPHER_fetch(nullptr, cbc ? "SM4-CBC" : "SM4-ECB", nullptr);
+  EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
+  int n1 = 0, n2 = 0;
+  const bool ok =
+      cipher != nullptr && ctx != nullptr &&
+      EVP_CipherInit_ex2(ctx, cipher, key, cbc ? iv : nullptr, encrypt ? 1 : 0, nullptr) == 1 &&
+      EVP_CIPHER_CTX_set_padding(ctx, 0) == 1 &&
+      EVP_CipherUpdate(ctx, out.data(), &n1, data.data(), static_cast<int>(data.size())) == 1 &&
+      EVP_CipherFinal_ex(ctx, out.data() + n1, &n2) == 1;
+  EVP_CIPHER_CTX_free(ctx);
+  EVP_CIPHER_free(cipher);
+  out.resize(ok ? static_cast<size_t>(n1 + n2) : 0);
+  return out;
+}
+
 }  // namespace peer
 }  // namespace opstest

@@ -30,6 +30,12 @@ std::vector<uint8_t> encryptRsa(const std::vector<uint8_t> &spki, const std::str
 // 0x04 || x || y || C2 || C3. Empty on failure.
 std::vector<uint8_t> encryptSm2Flat(const std::vector<uint8_t> &spki, const std::string &message);
 
+// Plain SM3 (no Z value).
+std::vector<uint8_t> sm3(const std::vector<uint8_t> &data);
+// SM4 in ECB or CBC mode without padding; `data` a multiple of 16 bytes.
+std::vector<uint8_t> sm4(bool cbc, bool encrypt, const uint8_t key[16], const uint8_t iv[16],
+                         const std::vector<uint8_t> &data);
+
 }  // namespace peer
 }  // namespace opstest
 
