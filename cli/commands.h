@@ -49,6 +49,13 @@ int runSign(CommandContext &context);
 int runVerify(CommandContext &context);
 int runEncrypt(CommandContext &context);
 int runDecrypt(CommandContext &context);
+// Key pair generation, certificate requests and deletion
+// (commands_keygen.cpp).
+int runKeygen(CommandContext &context);
+int runCsr(CommandContext &context);
+int runDeleteKey(CommandContext &context);
+// Numbered data objects (commands_data.cpp).
+int runData(CommandContext &context);
 // The typical signature, step by step (commands_demo.cpp).
 int runDemo(CommandContext &context);
 

@@ -42,7 +42,13 @@ namespace cli {
   X(DeviceVerifyPwd)               \
   X(DeviceChangePwd)               \
   X(DeviceUnlockPwd)               \
-  X(DeviceGetPwdRetryNum)
+  X(DeviceGetPwdRetryNum)          \
+  X(DeviceGenerateKeypair)         \
+  X(DeviceDeleteKeypair)           \
+  X(DeviceCreateData)              \
+  X(DeviceReadDataEx)              \
+  X(DeviceWriteDataEx)             \
+  X(DeviceDeleteData)
 
 struct ProviderApi {
 #define TEMBRA_CLI_DECLARE_ENTRY(entry) decltype(&::entry) entry = nullptr;

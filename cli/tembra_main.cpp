@@ -35,7 +35,7 @@ const char kGlobalHelp[] =
     "must.\n";
 
 bool takesPositionals(const std::string &command) {
-  return command == "cert" || command == "token";
+  return command == "cert" || command == "token" || command == "data";
 }
 
 void printCommandHelp(std::ostream &out, const Command &command) {
@@ -168,6 +168,28 @@ const std::vector<Command> &allCommands() {
       {"decrypt", "decrypt a file with a key pair on the token",
        "--label L [--type enc|sign] -i CIPHERFILE -o FILE [PIN options]",
        join({kLabel, kType, kInput, kOutput}, {pinOptions("")}), runDecrypt},
+      {"keygen", "generate a signature key pair on the token",
+       "--label L [--alg sm2|rsa1024|rsa2048] [PIN options]",
+       join({kLabel, {"alg", true}}, {pinOptions("")}), runKeygen},
+      {"csr", "make a PKCS #10 certificate request signed on the token",
+       "--label L --subject /CN=NAME/O=ORG [-o FILE] [--pem] [PIN options]",
+       join({kLabel, {"subject", true}, kOutput, kPem}, {pinOptions("")}), runCsr},
+      {"delete-key", "delete a key pair's container (both key pairs) from the token",
+       "--label L [--yes] [PIN options]", join({kLabel, {"yes", false}}, {pinOptions("")}),
+       runDeleteKey},
+      {"data", "list, create, read, write or delete numbered data objects",
+       "list | create ID --size N [--read anyone|user|never] [--write anyone|user|never]\n"
+       "       | read ID [-o FILE] [--offset N] [--length N] | write ID -i FILE [--offset N]\n"
+       "       | delete ID  [PIN options, asked for when the token wants them]",
+       join({{"size", true},
+             {"read", true},
+             {"write", true},
+             {"offset", true},
+             {"length", true},
+             kInput,
+             kOutput},
+            {pinOptions("")}),
+       runData},
       {"demo",
        "run a typical signature and decryption step by step on a software token",
        "[--store DIR]",

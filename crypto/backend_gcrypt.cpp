@@ -246,7 +246,6 @@ struct Sm2Curve {
   }
 };
 
-
 // C3 = SM3(x2 || M || y2).
 bool sm2Check(const uint8_t *x2y2, const uint8_t *message, size_t len, uint8_t *out) {
   Sm3 hash;
@@ -605,58 +604,49 @@ bool sm2Decrypt(const uint8_t d[kSm2ScalarSize], const uint8_t *cipher, size_t l
 
 // ---- RSA ----------------------------------------------------------------------
 
-// Two primes of bits/2 bits with gcd(e, p - 1) = 1, drawn until their product
-// has exactly `bits` bits; d = e^-1 mod lcm(p - 1, q - 1). Built from
-// libgcrypt's prime generator and numbers rather than its key generation,
-// whose s-expression result would leave the private key unwiped in memory.
+struct SexpDeleter {
+  void operator()(gcry_sexp *p) const { gcry_sexp_release(p); }
+};
+using Sexp = std::unique_ptr<gcry_sexp, SexpDeleter>;
+
+// One number of the generated key's private part, or null.
+Mpi keyNumber(gcry_sexp_t privateKey, const char *name) {
+  Sexp token(gcry_sexp_find_token(privateKey, name, 0));
+  if (!token) return nullptr;
+  return Mpi(gcry_sexp_nth_mpi(token.get(), 1, GCRYMPI_FMT_USG));
+}
+
+// libgcrypt's own RSA key generation with e = 65537 (its "transient-key"
+// flag draws the primes from the same strong random level as every other
+// key here). The numbers taken out of its result are wiped like all others;
+// the result s-expression itself is released by libgcrypt, which wipes it
+// only in secure memory, and that is off (see libraryReady). libgcrypt orders the primes p < q with
+// u = p^-1 mod q; the key here wants p > q and qinv = q^-1 mod p, which is the same u with the
+// primes swapped.
 bool rsaGenerate(int bits, RsaPrivateKey &key) {
   if ((bits != 1024 && bits != 2048) || !libraryReady()) return false;
-  const unsigned primeBits = static_cast<unsigned>(bits) / 2;
-  Mpi e(gcry_mpi_set_ui(nullptr, 65537));
-  Mpi n = newMpi(), d = newMpi(), dp = newMpi(), dq = newMpi(), qinv = newMpi();
-  Mpi pMinusOne = newMpi(), qMinusOne = newMpi(), gcd = newMpi(), phi = newMpi(), lcm = newMpi();
-  if (!e || !n || !d || !dp || !dq || !qinv || !pMinusOne || !qMinusOne || !gcd || !phi || !lcm) {
+  const char *spec = bits == 1024
+                         ? "(genkey(rsa(nbits 4:1024)(rsa-use-e 5:65537)(flags transient-key)))"
+                         : "(genkey(rsa(nbits 4:2048)(rsa-use-e 5:65537)(flags transient-key)))";
+  gcry_sexp_t raw = nullptr;
+  if (gcry_sexp_new(&raw, spec, 0, 1) != 0) return false;
+  Sexp parameters(raw);
+  raw = nullptr;
+  if (gcry_pk_genkey(&raw, parameters.get()) != 0) return false;
+  Sexp generated(raw);
+  Sexp privateKey(gcry_sexp_find_token(generated.get(), "private-key", 0));
+  if (!privateKey) return false;
+  Mpi n = keyNumber(privateKey.get(), "n"), e = keyNumber(privateKey.get(), "e");
+  Mpi d = keyNumber(privateKey.get(), "d"), p = keyNumber(privateKey.get(), "q");
+  Mpi q = keyNumber(privateKey.get(), "p"), qinv = keyNumber(privateKey.get(), "u");
+  Mpi dp = newMpi(), dq = newMpi(), pMinusOne = newMpi(), qMinusOne = newMpi();
+  if (!n || !e || !d || !p || !q || !qinv || !dp || !dq || !pMinusOne || !qMinusOne ||
+      gcry_mpi_get_nbits(n.get()) != static_cast<unsigned>(bits) ||
+      gcry_mpi_cmp(p.get(), q.get()) <= 0) {
     return false;
   }
-  for (Mpi *m : {&d, &dp, &dq, &qinv, &pMinusOne, &qMinusOne, &gcd, &phi, &lcm}) {
-    gcry_mpi_set_flag(m->get(), GCRYMPI_FLAG_SECURE);
-  }
-  // A prime whose p - 1 is prime to e.
-  auto primeFor = [&](Mpi &prime, Mpi &minusOne) {
-    for (int attempt = 0; attempt < 64; ++attempt) {
-      gcry_mpi_t raw = nullptr;
-      if (gcry_prime_generate(&raw, primeBits, 0, nullptr, nullptr, nullptr, GCRY_STRONG_RANDOM,
-                              GCRY_PRIME_FLAG_SECRET) != 0) {
-        return false;
-      }
-      prime.reset(raw);
-      gcry_mpi_sub_ui(minusOne.get(), prime.get(), 1);
-      if (gcry_mpi_gcd(gcd.get(), e.get(), minusOne.get())) return true;
-    }
-    return false;
-  };
-  Mpi p, q;
-  bool found = false;
-  for (int attempt = 0; attempt < 64 && !found; ++attempt) {
-    if (!primeFor(p, pMinusOne) || !primeFor(q, qMinusOne)) return false;
-    const int order = gcry_mpi_cmp(p.get(), q.get());
-    if (order == 0) continue;
-    // p > q, so that qinv = q^-1 mod p.
-    if (order < 0) {
-      std::swap(p, q);
-      std::swap(pMinusOne, qMinusOne);
-    }
-    gcry_mpi_mul(n.get(), p.get(), q.get());
-    found = gcry_mpi_get_nbits(n.get()) == static_cast<unsigned>(bits);
-  }
-  if (!found) return false;
-  // lcm(p - 1, q - 1) = (p - 1)(q - 1) / gcd(p - 1, q - 1)
-  gcry_mpi_gcd(gcd.get(), pMinusOne.get(), qMinusOne.get());
-  gcry_mpi_mul(phi.get(), pMinusOne.get(), qMinusOne.get());
-  gcry_mpi_div(lcm.get(), nullptr, phi.get(), gcd.get(), 0);
-  if (!gcry_mpi_invm(d.get(), e.get(), lcm.get()) || !gcry_mpi_invm(qinv.get(), q.get(), p.get())) {
-    return false;
-  }
+  gcry_mpi_sub_ui(pMinusOne.get(), p.get(), 1);
+  gcry_mpi_sub_ui(qMinusOne.get(), q.get(), 1);
   gcry_mpi_mod(dp.get(), d.get(), pMinusOne.get());
   gcry_mpi_mod(dq.get(), d.get(), qMinusOne.get());
   RsaPrivateKey out;

@@ -25,4 +25,13 @@ int GetECCPublicKey(HCONTAINER hCon, int bSignFlag, unsigned char **keyblob, int
 // neither is written.
 int GetCertificate(HCONTAINER hCon, int bSignFlag, unsigned char **cert, int *certlen);
 
+// The encoding step of the two readers, for a public key blob the token
+// handed over otherwise (key generation): RSA from the last BitLen/8 modulus
+// bytes and the 4 exponent bytes, SM2 from the last 32 bytes of each
+// coordinate with curve ORVEL_PKI_ECC_CURVE_SM2. They return the host
+// library's result (1 on success) and log nothing; an RSA BitLen beyond the
+// modulus field gives 0 without calling the library.
+int EncodeRSAPublicKeyBlob(const RSAPUBLICKEYBLOB *blob, unsigned char **keyblob, int *keybloblen);
+int EncodeECCPublicKeyBlob(const ECCPUBLICKEYBLOB *blob, unsigned char **keyblob, int *keybloblen);
+
 #endif  // TEMBRA_KEYS_KEY_READERS_H

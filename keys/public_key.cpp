@@ -14,6 +14,20 @@
 #include "provider/buffer_protocol.h"
 #include "provider/records.h"
 
+int EncodeRSAPublicKeyBlob(const RSAPUBLICKEYBLOB *blob, unsigned char **keyblob, int *keybloblen) {
+  if (blob->BitLen > MAX_RSA_MODULUS_LEN * 8) return 0;
+  int modulusLen = static_cast<int>(blob->BitLen / 8);
+  return OrvelPKICryptoEncodeRSAPubKey(&blob->Modulus[MAX_RSA_MODULUS_LEN - modulusLen], modulusLen,
+                                       blob->PublicExponent, MAX_RSA_EXPONENT_LEN, keyblob,
+                                       keybloblen);
+}
+
+int EncodeECCPublicKeyBlob(const ECCPUBLICKEYBLOB *blob, unsigned char **keyblob, int *keybloblen) {
+  return OrvelPKICryptoEncodeECCPubKey(
+      ORVEL_PKI_ECC_CURVE_SM2, &blob->XCoordinate[sizeof(blob->XCoordinate) - 32], 32,
+      &blob->YCoordinate[sizeof(blob->YCoordinate) - 32], 32, keyblob, keybloblen);
+}
+
 int GetRSAPublicKey(HCONTAINER hCon, int bSignFlag, unsigned char **keyblob, int *keybloblen,
                     int *pbits) {
   LOG_DEBUG("hCon : %p", hCon);
@@ -34,10 +48,7 @@ int GetRSAPublicKey(HCONTAINER hCon, int bSignFlag, unsigned char **keyblob, int
     LOG_ERROR("rsa.BitLen > MAX_RSA_MODULUS_LEN * 8");
     return 0;
   }
-  int modulusLen = static_cast<int>(blob.BitLen / 8);
-  int result =
-      OrvelPKICryptoEncodeRSAPubKey(&blob.Modulus[MAX_RSA_MODULUS_LEN - modulusLen], modulusLen,
-                                    blob.PublicExponent, MAX_RSA_EXPONENT_LEN, keyblob, keybloblen);
+  int result = EncodeRSAPublicKeyBlob(&blob, keyblob, keybloblen);
   if (result != 1) {
     LOG_ERROR("OrvelPKICryptoEncodeRSAPubKey fail, error : %d", result);
     return 0;
@@ -66,9 +77,7 @@ int GetECCPublicKey(HCONTAINER hCon, int bSignFlag, unsigned char **keyblob, int
 
   // SM2 coordinates are 256 bits: only the last 32 bytes of each field are
   // passed on, whatever BitLen says.
-  int result = OrvelPKICryptoEncodeECCPubKey(
-      ORVEL_PKI_ECC_CURVE_SM2, &ecc.XCoordinate[sizeof(ecc.XCoordinate) - 32], 32,
-      &ecc.YCoordinate[sizeof(ecc.YCoordinate) - 32], 32, keyblob, keybloblen);
+  int result = EncodeECCPublicKeyBlob(&ecc, keyblob, keybloblen);
   if (result != 1) {
     // A warning, not an error, unlike the RSA reader: kept so on purpose.
     LOG_WARN("OrvelPKICryptoEncodeECCPubKey fail, error = %d", result);
@@ -148,8 +157,8 @@ TEMBRA_API int DeviceExportPublicKey(SPI_PUBLICKEY_HANDLE hPublicKey, unsigned c
     LOG_ERROR("m_pubKey==0 || m_pubKey<=0 ");
     return ORVEL_PKI_BADARGUMENT;
   }
-  int rv = copyOut(hPublicKey->m_pubKey, hPublicKey->m_pubKeyLen, keyblob, keybloblen,
-                   pretkeybloblen);
+  int rv =
+      copyOut(hPublicKey->m_pubKey, hPublicKey->m_pubKeyLen, keyblob, keybloblen, pretkeybloblen);
   if (rv != ORVEL_PKI_OK || keyblob == nullptr) return rv;
   logHexDump(__func__, "keyblob", keyblob, logValueAt(pretkeybloblen));
   return ORVEL_PKI_OK;
