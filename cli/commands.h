@@ -49,6 +49,9 @@ int runSign(CommandContext &context);
 int runVerify(CommandContext &context);
 int runEncrypt(CommandContext &context);
 int runDecrypt(CommandContext &context);
+// Key pair import and enveloping (commands_import.cpp).
+int runImport(CommandContext &context);
+int runEnvelope(CommandContext &context);
 // The typical signature, step by step (commands_demo.cpp).
 int runDemo(CommandContext &context);
 
