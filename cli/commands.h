@@ -56,6 +56,9 @@ int runCsr(CommandContext &context);
 int runDeleteKey(CommandContext &context);
 // Numbered data objects (commands_data.cpp).
 int runData(CommandContext &context);
+// Key pair import and enveloping (commands_import.cpp).
+int runImport(CommandContext &context);
+int runEnvelope(CommandContext &context);
 // The typical signature, step by step (commands_demo.cpp).
 int runDemo(CommandContext &context);
 

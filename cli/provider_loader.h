@@ -39,6 +39,7 @@ namespace cli {
   X(DeviceUpdateCertificate)       \
   X(DeviceSign)                    \
   X(DevicePrivateKeyDecrypt)       \
+  X(DeviceImportKeypair)           \
   X(DeviceVerifyPwd)               \
   X(DeviceChangePwd)               \
   X(DeviceUnlockPwd)               \
