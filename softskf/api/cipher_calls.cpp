@@ -22,6 +22,7 @@ ULONG initCipher(Call &call, HANDLE hKey, const BLOCKCIPHERPARAM &param, CipherS
   if (param.IVLen == 16) memcpy(key->iv, param.IV, 16);
   key->padding = param.PaddingType == 1;
   key->state = state;
+  key->pending.clear();
   return SAR_OK;
 }
 
