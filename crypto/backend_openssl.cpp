@@ -185,7 +185,6 @@ Bn privateScalar(const Sm2Curve &curve, const uint8_t d[kSm2ScalarSize]) {
   return bd;
 }
 
-
 // ---- RSA --------------------------------------------------------------------
 
 bool pushBn(OSSL_PARAM_BLD *bld, const char *name, const uint8_t *p, size_t len,
@@ -702,8 +701,8 @@ bool rsaRaw(const RsaPublicKey &pub, const RsaPrivateKey *priv, const uint8_t *i
   if (!pkey) return false;
   PkeyCtx ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, pkey.get(), nullptr));
   if (!ctx) return false;
-  const int init = priv != nullptr ? EVP_PKEY_decrypt_init(ctx.get())
-                                   : EVP_PKEY_encrypt_init(ctx.get());
+  const int init =
+      priv != nullptr ? EVP_PKEY_decrypt_init(ctx.get()) : EVP_PKEY_encrypt_init(ctx.get());
   if (init != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_NO_PADDING) != 1) return false;
   Out result(len);
   size_t resultLen = result.size();
@@ -725,7 +724,6 @@ bool rsaPublicRaw(const RsaPublicKey &key, const uint8_t *in, size_t len,
 bool rsaPrivateRaw(const RsaPrivateKey &key, const uint8_t *in, size_t len, SecureBytes &out) {
   return rsaRaw(key.publicKey, &key, in, len, out);
 }
-
 
 }  // namespace crypto
 }  // namespace tembra
