@@ -18,12 +18,12 @@ inline bool isSm2Algorithm(ULONG id) {
   return id == SGD_SM2_1 || id == SGD_SM2_2 || id == SGD_SM2_3 || id == SGD_SM2_3_GMT0006;
 }
 
-// The algorithm of a new session key: SMS4 ECB or CBC as asked;
-// SAR_NOTSUPPORTYETERR for SM1, SSF33 and every other mode, as SKF_SetSymmKey
+// The algorithm of a new session key: SMS4 ECB, CBC, CFB or OFB as asked;
+// SAR_NOTSUPPORTYETERR for SM1, SSF33 and anything else, as SKF_SetSymmKey
 // answers them. With `sm2Default` an SM2 identifier (key agreement callers
 // name the agreement instead of the key) yields SMS4 ECB.
 inline ULONG sessionKeyAlgorithm(ULONG id, bool sm2Default, ULONG &algorithm) {
-  if (id == SGD_SMS4_ECB || id == SGD_SMS4_CBC) {
+  if (id == SGD_SMS4_ECB || id == SGD_SMS4_CBC || id == SGD_SMS4_CFB || id == SGD_SMS4_OFB) {
     algorithm = id;
     return SAR_OK;
   }

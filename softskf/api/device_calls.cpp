@@ -112,7 +112,7 @@ ULONG DEVAPI SKF_GetDevInfo(DEVHANDLE hDev, DEVINFO *pDevInfo) {
     copyText(info.SerialNumber, sizeof info.SerialNumber, record.serial);
     info.HWVersion.major = 1;
     info.FirmwareVersion.major = 1;
-    info.AlgSymCap = SGD_SMS4_ECB | SGD_SMS4_CBC;
+    info.AlgSymCap = SGD_SMS4_ECB | SGD_SMS4_CBC | SGD_SMS4_CFB | SGD_SMS4_OFB;
     info.AlgAsymCap = SGD_RSA | SGD_SM2_1 | SGD_SM2_3 | SGD_SM2_1_GMT0006 | SGD_SM2_3_GMT0006;
     info.AlgHashCap = SGD_SM3;
     info.DevAuthAlgId = SGD_SMS4_ECB;

@@ -1,8 +1,9 @@
-// SM4-CBC-MAC on session keys: SKF_MacInit makes a MAC handle from a key
-// handle (the key copied, the IV the first chaining value, zero when IVLen
-// is 0); data is chained block by block; the MAC is the last chaining value
-// (16 bytes). PaddingType 1 pads with PKCS#7 first; PaddingType 0 needs
-// whole blocks. A MAC handle serves one MAC and closes with SKF_CloseHandle.
+// SM4-CBC-MAC on session keys: SKF_MacInit makes a MAC handle from any
+// session key handle, whatever its mode (the key copied, the IV the first
+// chaining value, zero when IVLen is 0); data is chained block by block; the
+// MAC is the last chaining value (16 bytes). PaddingType 1 pads with PKCS#7
+// first; PaddingType 0 needs whole blocks. A MAC handle serves one MAC and
+// closes with SKF_CloseHandle.
 #include <string.h>
 
 #include "crypto/backend.h"
@@ -79,8 +80,7 @@ ULONG DEVAPI SKF_MacInit(HANDLE hKey, BLOCKCIPHERPARAM *pMacParam, HANDLE *phMac
     ULONG rv;
     if (call.faulted(rv)) return rv;
     KeyObject *key = call.token().handles.key(hKey);
-    if (key == nullptr || (key->algorithm != SGD_SMS4_ECB && key->algorithm != SGD_SMS4_CBC) ||
-        key->state == CipherState::Agreement) {
+    if (key == nullptr || key->algorithm == SGD_SMS4_MAC || key->state == CipherState::Agreement) {
       return SAR_INVALIDHANDLEERR;
     }
     if (pMacParam == nullptr || phMac == nullptr) return SAR_INVALIDPARAMERR;

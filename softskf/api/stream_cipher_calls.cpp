@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "crypto/backend.h"
+#include "softskf/api/feedback_modes.h"
 #include "softskf/core/token.h"
 
 using namespace tembra;
@@ -19,6 +20,7 @@ const size_t kBlock = crypto::kSm4BlockSize;
 // Runs whole blocks through the key's mode, carrying the CBC chain.
 bool runBlocks(KeyObject &key, bool encrypt, const uint8_t *in, size_t len, uint8_t *out) {
   if (len == 0) return true;
+  if (isFeedbackMode(key.algorithm)) return sm4FeedbackRun(key, encrypt, key.iv, in, len, out);
   if (key.algorithm != SGD_SMS4_CBC) return crypto::sm4Ecb(encrypt, key.key.data(), in, len, out);
   uint8_t nextIv[kBlock];
   if (!encrypt) memcpy(nextIv, in + len - kBlock, kBlock);
@@ -37,8 +39,8 @@ ULONG update(Call &call, HANDLE hKey, CipherState expected, const BYTE *in, ULON
     return SAR_INDATALENERR;
   const size_t total = key->pending.size() + inLen;
   size_t ready = total - total % kBlock;
-  if (expected == CipherState::Decrypt && key->padding && ready == total && ready > 0)
-    ready -= kBlock;
+  const bool padded = key->padding && !isFeedbackMode(key->algorithm);
+  if (expected == CipherState::Decrypt && padded && ready == total && ready > 0) ready -= kBlock;
   if (out == nullptr || *outLen < ready) return answerBytes(nullptr, ready, out, outLen);
   SecureBytes all(total);
   if (!key->pending.empty()) memcpy(all.data(), key->pending.data(), key->pending.size());
@@ -58,7 +60,14 @@ ULONG finish(Call &call, HANDLE hKey, CipherState expected, BYTE *out, ULONG *ou
   const bool encrypt = expected == CipherState::Encrypt;
   const size_t held = key->pending.size();
   SecureBytes result;
-  if (!key->padding) {
+  if (isFeedbackMode(key->algorithm)) {
+    // The last, partial block of a stream mode; a length query leaves the register.
+    uint8_t iv[kBlock];
+    memcpy(iv, key->iv, kBlock);
+    result.resize(held);
+    if (held > 0 && !sm4FeedbackRun(*key, encrypt, iv, key->pending.data(), held, result.data()))
+      return SAR_FAIL;
+  } else if (!key->padding) {
     if (held != 0) return SAR_INDATALENERR;
   } else if (encrypt) {
     uint8_t block[kBlock];

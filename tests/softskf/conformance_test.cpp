@@ -192,17 +192,26 @@ TEST_F(ConformanceTest, StreamingCipherAgreesWithOpenSsl) {
   const struct {
     ULONG alg, padding;
     size_t len, chunk;
-  } cases[] = {{SGD_SMS4_ECB, 0, 32, 7},  {SGD_SMS4_ECB, 1, 33, 5},  {SGD_SMS4_CBC, 0, 96, 40},
-               {SGD_SMS4_CBC, 1, 100, 7}, {SGD_SMS4_CBC, 1, 48, 16}, {SGD_SMS4_CBC, 1, 0, 1}};
+    const char *mode;
+  } cases[] = {{SGD_SMS4_ECB, 0, 32, 7, "SM4-ECB"},  {SGD_SMS4_ECB, 1, 33, 5, "SM4-ECB"},
+               {SGD_SMS4_CBC, 0, 96, 40, "SM4-CBC"}, {SGD_SMS4_CBC, 1, 100, 7, "SM4-CBC"},
+               {SGD_SMS4_CBC, 1, 48, 16, "SM4-CBC"}, {SGD_SMS4_CBC, 1, 0, 1, "SM4-CBC"},
+               {SGD_SMS4_CFB, 0, 45, 7, "SM4-CFB"},  {SGD_SMS4_OFB, 1, 37, 16, "SM4-OFB"}};
   const Bytes key = pattern(16, 3), iv = pattern(16, 9);
   for (const auto &c : cases) {
     SCOPED_TRACE(testing::Message()
                  << std::hex << c.alg << " pad " << c.padding << " len " << std::dec << c.len);
-    const Bytes plain = pattern(c.len, 5), useIv = c.alg == SGD_SMS4_CBC ? iv : Bytes();
+    const Bytes plain = pattern(c.len, 5), useIv = c.alg == SGD_SMS4_ECB ? Bytes() : iv;
     HANDLE h = symmKey(key, c.alg);
     ASSERT_EQ(SAR_OK, SKF(SKF_EncryptInit)(h, param(useIv, c.padding)));
     const Bytes cipher = stream(true, h, plain, c.chunk);
-    EXPECT_EQ(sm4Cbc(true, c.padding == 1, key, useIv, plain), cipher);
+    EXPECT_EQ(sm4Mode(c.mode, true, c.padding == 1, key, useIv, plain), cipher);
+    Bytes once(c.len + 16);
+    ULONG onceLen = static_cast<ULONG>(once.size());
+    ASSERT_EQ(SAR_OK, SKF(SKF_EncryptInit)(h, param(useIv, c.padding)));
+    ASSERT_EQ(SAR_OK, SKF(SKF_Encrypt)(h, const_cast<BYTE *>(plain.data()),
+                                       static_cast<ULONG>(c.len), once.data(), &onceLen));
+    EXPECT_EQ(cipher, Bytes(once.begin(), once.begin() + onceLen));
     ASSERT_EQ(SAR_OK, SKF(SKF_DecryptInit)(h, param(useIv, c.padding)));
     EXPECT_EQ(plain, stream(false, h, cipher, c.chunk + 3));
     Bytes rest(16);
@@ -240,7 +249,7 @@ TEST_F(ConformanceTest, MacIsTheLastCbcBlock) {
   for (const auto &c : cases) {
     SCOPED_TRACE(c.len);
     const Bytes data = pattern(c.len, 8);
-    Bytes expected = sm4Cbc(true, c.padding == 1, key, iv, data);
+    Bytes expected = sm4Mode("SM4-CBC", true, c.padding == 1, key, iv, data);
     expected.erase(expected.begin(), expected.end() - 16);
     BLOCKCIPHERPARAM p = param(iv, c.padding);
     HANDLE streamed = nullptr, once = nullptr;

@@ -187,12 +187,13 @@ RsaPair newRsaPair(int bits) {
 }
 
 Bytes sm4(bool encrypt, bool pad, const Bytes &key, const Bytes &in) {
-  return sm4Cbc(encrypt, pad, key, Bytes(), in);
+  return sm4Mode("SM4-ECB", encrypt, pad, key, Bytes(), in);
 }
 
-Bytes sm4Cbc(bool encrypt, bool pad, const Bytes &key, const Bytes &iv, const Bytes &in) {
+Bytes sm4Mode(const char *mode, bool encrypt, bool pad, const Bytes &key, const Bytes &iv,
+              const Bytes &in) {
   EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-  EVP_CIPHER *cipher = EVP_CIPHER_fetch(nullptr, iv.empty() ? "SM4-ECB" : "SM4-CBC", nullptr);
+  EVP_CIPHER *cipher = EVP_CIPHER_fetch(nullptr, mode, nullptr);
   Bytes out(in.size() + 16);
   int len1 = 0, len2 = 0;
   bool ok = EVP_CipherInit_ex2(ctx, cipher, key.data(), iv.empty() ? nullptr : iv.data(),

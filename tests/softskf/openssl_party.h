@@ -52,8 +52,9 @@ struct RsaPair {
 RsaPair newRsaPair(int bits);
 
 Bytes sm4(bool encrypt, bool pad, const Bytes &key, const Bytes &in);
-// The same in CBC mode with an IV.
-Bytes sm4Cbc(bool encrypt, bool pad, const Bytes &key, const Bytes &iv, const Bytes &in);
+// The same in another mode ("SM4-CBC", "SM4-CFB", "SM4-OFB") with an IV.
+Bytes sm4Mode(const char *mode, bool encrypt, bool pad, const Bytes &key, const Bytes &iv,
+              const Bytes &in);
 Bytes sm3(const Bytes &data);
 Bytes rsaDecrypt(EVP_PKEY *key, const Bytes &cipher);
 // An ENVELOPEDKEYBLOB importing `pair` (private key in the 32-byte layout),
