@@ -1,9 +1,12 @@
 // Plug events: SKF_WaitForDevEvent reports a device of the store becoming
 // present (event 1) or absent or deleted (event 2), as SKFSoft_SetPresent,
 // SKFSoft_CreateDevice and SKFSoft_RemoveDevice make them. The presence
-// last reported is kept per process, seeded by the first wait; the store is
-// read every 50 ms with the token mutex held only for the read.
-// SKF_CancelWaitForDevEvent ends every wait under way with SAR_NOT_EVENTERR.
+// last reported is kept per process and starts empty, so the first waits
+// report the devices already present, one each. The store is read every
+// 50 ms with the token mutex held only for the read.
+// SKF_CancelWaitForDevEvent ends every wait under way with SAR_NOT_EVENTERR;
+// with none under way it ends the next one, so a cancel cannot slip in just
+// before a wait begins and leave that wait blocked.
 #include <string.h>
 
 #include <chrono>
@@ -24,7 +27,8 @@ struct Watch {
   std::mutex mutex;  // taken after the token mutex, never before it
   std::condition_variable wake;
   unsigned long cancels = 0;
-  bool seeded = false;
+  unsigned waiting = 0;
+  bool cancelNext = false;
   std::string store;
   std::map<std::string, bool> present;  // the presence last reported
 };
@@ -75,14 +79,22 @@ ULONG DEVAPI SKF_WaitForDevEvent(LPSTR szDevName, ULONG *pulDevNameLen, ULONG *p
       return SAR_INVALIDPARAMERR;
     Watch &w = watch();
     std::unique_lock<std::mutex> lock(w.mutex);
+    if (w.cancelNext) {
+      w.cancelNext = false;
+      return SAR_NOT_EVENTERR;
+    }
     const unsigned long cancels = w.cancels;
+    ++w.waiting;
+    struct Leave {
+      unsigned &waiting;
+      ~Leave() { --waiting; }
+    } leave{w.waiting};
     for (;;) {
       const std::string store = currentStoreDirectory();
       std::map<std::string, bool> now = scan(store);
-      if (!w.seeded || w.store != store) {
-        w.seeded = true;
+      if (w.store != store) {  // another store: nothing reported from it yet
         w.store = store;
-        w.present = now;
+        w.present.clear();
       }
       std::string name;
       bool present = false;
@@ -118,6 +130,7 @@ ULONG DEVAPI SKF_CancelWaitForDevEvent(void) {
     {
       std::lock_guard<std::mutex> lock(w.mutex);
       ++w.cancels;
+      w.cancelNext = w.waiting == 0;
     }
     w.wake.notify_all();
     return SAR_OK;

@@ -454,21 +454,21 @@ TEST_F(ConformanceTest, DeviceStateLabelEventsAndTransmit) {
   BYTE apdu[5] = {0x00, 0x84, 0x00, 0x00, 0x08};
   ULONG len = 16;
   EXPECT_EQ(SAR_NOTSUPPORTYETERR, SKF(SKF_Transmit)(dev, apdu, 5, apdu, &len));
-  // A watcher sees the unplug and the plug, and a cancel ends its wait.
+  // A watcher learns of the device present, then sees the unplug and the
+  // plug; a cancel ends its wait.
   auto wait = [] {
     char name[80];
     ULONG nameLen = sizeof name, event = 0;
     ULONG rv = SKF(SKF_WaitForDevEvent)(name, &nameLen, &event);
     return std::to_string(rv) + " " + (rv == SAR_OK ? name : "") + " " + std::to_string(event);
   };
-  auto watcher = std::async(std::launch::async, wait);  // seeds the known state, then waits
-  std::this_thread::sleep_for(std::chrono::milliseconds(150));
+  EXPECT_EQ("0 tok1 1", wait());
+  auto watcher = std::async(std::launch::async, wait);
   SKFSoft_SetPresent("tok1", FALSE);
   EXPECT_EQ("0 tok1 2", watcher.get());
   SKFSoft_SetPresent("tok1", TRUE);
   EXPECT_EQ("0 tok1 1", wait());
   watcher = std::async(std::launch::async, wait);
-  std::this_thread::sleep_for(std::chrono::milliseconds(150));
   EXPECT_EQ(SAR_OK, SKF(SKF_CancelWaitForDevEvent)());
   EXPECT_EQ(std::to_string(SAR_NOT_EVENTERR) + "  0", watcher.get());
 }
