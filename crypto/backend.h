@@ -92,6 +92,14 @@ bool sm2Encrypt(const Sm2PublicKey &publicKey, const uint8_t *message, size_t le
                 std::vector<uint8_t> &cipher);
 bool sm2Decrypt(const uint8_t d[kSm2ScalarSize], const uint8_t *cipher, size_t len,
                 SecureBytes &message);
+// The shared point of SM2 key exchange (GM/T 0003.3, cofactor 1):
+// U = t (P + x2' R), t = (d + x1' r) mod n, where d, r are our long-term and
+// temporary private keys, x1' is the reduced x of our temporary public key
+// and x2' that of the peer's temporary key R (x' = 2^127 + (x mod 2^127)).
+// xy receives U's coordinates (64 bytes).
+bool sm2AgreementPoint(const uint8_t d[kSm2ScalarSize], const uint8_t r[kSm2ScalarSize],
+                       const Sm2PublicKey &ownTemporary, const Sm2PublicKey &peer,
+                       const Sm2PublicKey &peerTemporary, uint8_t xy[2 * kSm2ScalarSize]);
 
 // ---- RSA ------------------------------------------------------------------
 struct RsaPublicKey {
@@ -118,6 +126,11 @@ bool rsaEncryptPkcs1(const RsaPublicKey &key, const uint8_t *data, size_t len,
                      std::vector<uint8_t> &cipher);
 bool rsaDecryptPkcs1(const RsaPrivateKey &key, const uint8_t *cipher, size_t len,
                      SecureBytes &message);
+// Raw RSA without padding: x^e mod n and x^d mod n of an input exactly as
+// long as the modulus and below it; the output is as long as the modulus.
+bool rsaPublicRaw(const RsaPublicKey &key, const uint8_t *in, size_t len,
+                  std::vector<uint8_t> &out);
+bool rsaPrivateRaw(const RsaPrivateKey &key, const uint8_t *in, size_t len, SecureBytes &out);
 
 }  // namespace crypto
 }  // namespace tembra

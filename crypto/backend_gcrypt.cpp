@@ -602,6 +602,36 @@ bool sm2Decrypt(const uint8_t d[kSm2ScalarSize], const uint8_t *cipher, size_t l
   return true;
 }
 
+// The shared point of SM2 key exchange; x' = 2^127 + (x mod 2^127).
+bool sm2AgreementPoint(const uint8_t d[kSm2ScalarSize], const uint8_t r[kSm2ScalarSize],
+                       const Sm2PublicKey &ownTemporary, const Sm2PublicKey &peer,
+                       const Sm2PublicKey &peerTemporary, uint8_t xy[2 * kSm2ScalarSize]) {
+  Sm2Curve curve;
+  if (d == nullptr || r == nullptr || xy == nullptr || !curve.open()) return false;
+  uint8_t low1[16], low2[16];
+  memcpy(low1, ownTemporary.x + 16, 16);
+  memcpy(low2, peerTemporary.x + 16, 16);
+  low1[0] |= 0x80;
+  low2[0] |= 0x80;
+  Mpi md = curve.privateScalar(d);
+  Mpi mr = curve.privateScalar(r);
+  Mpi x1 = mpiFrom(low1, sizeof low1);
+  Mpi x2 = mpiFrom(low2, sizeof low2);
+  Mpi t = newMpi();
+  Point pb = curve.pointFrom(peer.x, peer.y);
+  Point rb = curve.pointFrom(peerTemporary.x, peerTemporary.y);
+  Point scaled(gcry_mpi_point_new(0)), sum(gcry_mpi_point_new(0)), u(gcry_mpi_point_new(0));
+  if (!md || !mr || !x1 || !x2 || !t || !pb || !rb || !scaled || !sum || !u) return false;
+  gcry_mpi_set_flag(t.get(), GCRYMPI_FLAG_SECURE);
+  // t = (d + x1' r) mod n; U = t (P + x2' R), not the point at infinity.
+  gcry_mpi_mulm(t.get(), x1.get(), mr.get(), curve.n.get());
+  gcry_mpi_addm(t.get(), t.get(), md.get(), curve.n.get());
+  gcry_mpi_ec_mul(scaled.get(), x2.get(), rb.get(), curve.ctx.get());
+  gcry_mpi_ec_add(sum.get(), scaled.get(), pb.get(), curve.ctx.get());
+  gcry_mpi_ec_mul(u.get(), t.get(), sum.get(), curve.ctx.get());
+  return curve.affine(u.get(), xy, xy + kSm2ScalarSize);
+}
+
 // ---- RSA ----------------------------------------------------------------------
 
 struct SexpDeleter {
@@ -731,6 +761,28 @@ bool rsaDecryptPkcs1(const RsaPrivateKey &key, const uint8_t *cipher, size_t len
   ++i;
   SecureBytes out(block.data() + i, k - i);
   message = std::move(out);
+  return true;
+}
+
+// Raw RSA: the public or private operation on a block of the modulus length.
+bool rsaPublicRaw(const RsaPublicKey &key, const uint8_t *in, size_t len,
+                  std::vector<uint8_t> &out) {
+  if (in == nullptr) return false;
+  RsaNumbers numbers;
+  if (!numbers.load(key) || len != numbers.modulusLen) return false;
+  std::vector<uint8_t> block(in, in + len);
+  if (!rsaPublicOp(numbers, block.data())) return false;
+  out = std::move(block);
+  return true;
+}
+
+bool rsaPrivateRaw(const RsaPrivateKey &key, const uint8_t *in, size_t len, SecureBytes &out) {
+  if (in == nullptr) return false;
+  RsaNumbers numbers;
+  if (!numbers.load(key.publicKey) || len != numbers.modulusLen) return false;
+  SecureBytes block(in, len);
+  if (!rsaPrivateOp(key, numbers, block.data())) return false;
+  out = std::move(block);
   return true;
 }
 

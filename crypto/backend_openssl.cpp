@@ -185,7 +185,6 @@ Bn privateScalar(const Sm2Curve &curve, const uint8_t d[kSm2ScalarSize]) {
   return bd;
 }
 
-
 // ---- RSA --------------------------------------------------------------------
 
 bool pushBn(OSSL_PARAM_BLD *bld, const char *name, const uint8_t *p, size_t len,
@@ -542,6 +541,49 @@ bool sm2Decrypt(const uint8_t d[kSm2ScalarSize], const uint8_t *cipher, size_t l
 
 // ---- RSA ----------------------------------------------------------------------
 
+namespace {
+
+// The reduced coordinate x' = 2^127 + (x mod 2^127) of SM2 key exchange.
+Bn reducedX(const uint8_t x[kSm2ScalarSize]) {
+  uint8_t low[16];
+  memcpy(low, x + 16, 16);
+  low[0] |= 0x80;
+  return bnFrom(low, sizeof low);
+}
+
+}  // namespace
+
+bool sm2AgreementPoint(const uint8_t d[kSm2ScalarSize], const uint8_t r[kSm2ScalarSize],
+                       const Sm2PublicKey &ownTemporary, const Sm2PublicKey &peer,
+                       const Sm2PublicKey &peerTemporary, uint8_t xy[2 * kSm2ScalarSize]) {
+  const Sm2Curve *curve = sm2Curve();
+  if (curve == nullptr || d == nullptr || r == nullptr || xy == nullptr) return false;
+  const EC_GROUP *group = curve->group.get();
+  BnCtx ctx(BN_CTX_secure_new());
+  if (!ctx) return false;
+  Bn bd = privateScalar(*curve, d);
+  Bn br = privateScalar(*curve, r);
+  Bn x1 = reducedX(ownTemporary.x);
+  Bn x2 = reducedX(peerTemporary.x);
+  Bn t(BN_secure_new());
+  Point pb = pointFrom(*curve, peer.x, peer.y, ctx.get());
+  Point rb = pointFrom(*curve, peerTemporary.x, peerTemporary.y, ctx.get());
+  Point sum(EC_POINT_new(group)), u(EC_POINT_new(group));
+  if (!bd || !br || !x1 || !x2 || !t || !pb || !rb || !sum || !u) return false;
+  // t = (d + x1' r) mod n
+  if (BN_mod_mul(t.get(), x1.get(), br.get(), curve->order.get(), ctx.get()) != 1 ||
+      BN_mod_add(t.get(), t.get(), bd.get(), curve->order.get(), ctx.get()) != 1) {
+    return false;
+  }
+  // U = t (P + x2' R), which must not be the point at infinity.
+  if (EC_POINT_mul(group, sum.get(), nullptr, rb.get(), x2.get(), ctx.get()) != 1 ||
+      EC_POINT_add(group, sum.get(), sum.get(), pb.get(), ctx.get()) != 1 ||
+      EC_POINT_mul(group, u.get(), nullptr, sum.get(), t.get(), ctx.get()) != 1) {
+    return false;
+  }
+  return pointTo(group, u.get(), xy, xy + kSm2ScalarSize, ctx.get());
+}
+
 bool rsaGenerate(int bits, RsaPrivateKey &key) {
   if (bits != 1024 && bits != 2048) return false;
   PkeyCtx ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
@@ -646,6 +688,41 @@ bool rsaDecryptPkcs1(const RsaPrivateKey &key, const uint8_t *cipher, size_t len
   out.resize(outLen);
   message = std::move(out);
   return true;
+}
+
+namespace {
+
+// One RSA operation without padding over an input of the modulus length.
+template <typename Out>
+bool rsaRaw(const RsaPublicKey &pub, const RsaPrivateKey *priv, const uint8_t *in, size_t len,
+            Out &out) {
+  if (in == nullptr || len == 0 || len != modulusSize(pub)) return false;
+  Pkey pkey = rsaKey(pub, priv);
+  if (!pkey) return false;
+  PkeyCtx ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, pkey.get(), nullptr));
+  if (!ctx) return false;
+  const int init =
+      priv != nullptr ? EVP_PKEY_decrypt_init(ctx.get()) : EVP_PKEY_encrypt_init(ctx.get());
+  if (init != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_NO_PADDING) != 1) return false;
+  Out result(len);
+  size_t resultLen = result.size();
+  const int done = priv != nullptr
+                       ? EVP_PKEY_decrypt(ctx.get(), result.data(), &resultLen, in, len)
+                       : EVP_PKEY_encrypt(ctx.get(), result.data(), &resultLen, in, len);
+  if (done != 1 || resultLen != len) return false;
+  out = std::move(result);
+  return true;
+}
+
+}  // namespace
+
+bool rsaPublicRaw(const RsaPublicKey &key, const uint8_t *in, size_t len,
+                  std::vector<uint8_t> &out) {
+  return rsaRaw(key, nullptr, in, len, out);
+}
+
+bool rsaPrivateRaw(const RsaPrivateKey &key, const uint8_t *in, size_t len, SecureBytes &out) {
+  return rsaRaw(key.publicKey, &key, in, len, out);
 }
 
 }  // namespace crypto

@@ -1,5 +1,7 @@
 /* The SKF interface of GM/T 0016 (smart token cryptographic application
- * interface), as the token vendor's library QXSKFAPI exports it.
+ * interface), as the token vendor's library QXSKFAPI exports it: the 78
+ * functions of the standard and the vendor's SKF_ECCDecrypt and
+ * SKF_RSADecrypt.
  *
  * Written from the published standard. ULONG, DWORD and BOOL are 32 bits on
  * every platform and every structure is byte-packed, so blobs cross the
@@ -111,6 +113,11 @@ typedef HANDLE HCONTAINER;
 #define SGD_SM2_1 0x00020100 /* SM2 signature */
 #define SGD_SM2_2 0x00020200 /* SM2 key exchange */
 #define SGD_SM2_3 0x00020400 /* SM2 encryption */
+/* GM/T 0006-2012 numbers SM2 itself 0x00020100 and its signature, key
+ * exchange and encryption 0x00020200, 0x00020400 and 0x00020800; client
+ * headers use either convention, so the token takes both. */
+#define SGD_SM2_1_GMT0006 0x00020200
+#define SGD_SM2_3_GMT0006 0x00020800
 
 #define SGD_SM3 0x00000001
 #define SGD_SHA1 0x00000002
@@ -129,6 +136,13 @@ typedef HANDLE HCONTAINER;
 #define CONTAINER_TYPE_EMPTY 0
 #define CONTAINER_TYPE_RSA 1
 #define CONTAINER_TYPE_ECC 2
+
+/* SKF_GetDevState and SKF_WaitForDevEvent. */
+#define DEV_ABSENT_STATE 0x00000000
+#define DEV_PRESENT_STATE 0x00000001
+#define DEV_UNKNOW_STATE 0x00000002
+#define DEV_EVENT_INSERTED 1
+#define DEV_EVENT_REMOVED 2
 
 #define MAX_RSA_MODULUS_LEN 256
 #define MAX_RSA_EXPONENT_LEN 4
@@ -237,6 +251,12 @@ typedef struct Struct_FILEATTRIBUTE {
 #pragma pack(pop)
 
 /* ---- Devices --------------------------------------------------------- */
+SKF_API ULONG DEVAPI SKF_WaitForDevEvent(LPSTR szDevName, ULONG *pulDevNameLen, ULONG *pulEvent);
+SKF_API ULONG DEVAPI SKF_CancelWaitForDevEvent(void);
+SKF_API ULONG DEVAPI SKF_GetDevState(LPSTR szDevName, ULONG *pulDevState);
+SKF_API ULONG DEVAPI SKF_SetLabel(DEVHANDLE hDev, LPSTR szLabel);
+SKF_API ULONG DEVAPI SKF_Transmit(DEVHANDLE hDev, BYTE *pbCommand, ULONG ulCommandLen,
+                                  BYTE *pbData, ULONG *pulDataLen);
 SKF_API ULONG DEVAPI SKF_EnumDev(BOOL bPresent, LPSTR szNameList, ULONG *pulSize);
 SKF_API ULONG DEVAPI SKF_ConnectDev(LPSTR szName, DEVHANDLE *phDev);
 SKF_API ULONG DEVAPI SKF_DisConnectDev(DEVHANDLE hDev);
@@ -318,6 +338,49 @@ SKF_API ULONG DEVAPI SKF_ECCDecrypt(HCONTAINER hContainer, BOOL bSignFlag,
                                     ULONG *pulPlainTextLen);
 SKF_API ULONG DEVAPI SKF_ExportPublicKey(HCONTAINER hContainer, BOOL bSignFlag, BYTE *pbBlob,
                                          ULONG *pulBlobLen);
+SKF_API ULONG DEVAPI SKF_GenExtRSAKey(DEVHANDLE hDev, ULONG ulBitsLen, RSAPRIVATEKEYBLOB *pBlob);
+SKF_API ULONG DEVAPI SKF_RSAVerify(DEVHANDLE hDev, RSAPUBLICKEYBLOB *pRSAPubKeyBlob, BYTE *pbData,
+                                   ULONG ulDataLen, BYTE *pbSignature, ULONG ulSignLen);
+SKF_API ULONG DEVAPI SKF_RSAExportSessionKey(HCONTAINER hContainer, ULONG ulAlgId,
+                                             RSAPUBLICKEYBLOB *pPubKey, BYTE *pbData,
+                                             ULONG *pulDataLen, HANDLE *phSessionKey);
+SKF_API ULONG DEVAPI SKF_ExtRSAPubKeyOperation(DEVHANDLE hDev, RSAPUBLICKEYBLOB *pRSAPubKeyBlob,
+                                               BYTE *pbInput, ULONG ulInputLen, BYTE *pbOutput,
+                                               ULONG *pulOutputLen);
+SKF_API ULONG DEVAPI SKF_ExtRSAPriKeyOperation(DEVHANDLE hDev, RSAPRIVATEKEYBLOB *pRSAPriKeyBlob,
+                                               BYTE *pbInput, ULONG ulInputLen, BYTE *pbOutput,
+                                               ULONG *pulOutputLen);
+SKF_API ULONG DEVAPI SKF_ECCVerify(DEVHANDLE hDev, ECCPUBLICKEYBLOB *pECCPubKeyBlob, BYTE *pbData,
+                                   ULONG ulDataLen, PECCSIGNATUREBLOB pSignature);
+SKF_API ULONG DEVAPI SKF_ECCExportSessionKey(HCONTAINER hContainer, ULONG ulAlgId,
+                                             ECCPUBLICKEYBLOB *pPubKey, PECCCIPHERBLOB pData,
+                                             HANDLE *phSessionKey);
+SKF_API ULONG DEVAPI SKF_ExtECCEncrypt(DEVHANDLE hDev, ECCPUBLICKEYBLOB *pECCPubKeyBlob,
+                                       BYTE *pbPlainText, ULONG ulPlainTextLen,
+                                       PECCCIPHERBLOB pCipherText);
+SKF_API ULONG DEVAPI SKF_ExtECCDecrypt(DEVHANDLE hDev, ECCPRIVATEKEYBLOB *pECCPriKeyBlob,
+                                       PECCCIPHERBLOB pCipherText, BYTE *pbPlainText,
+                                       ULONG *pulPlainTextLen);
+SKF_API ULONG DEVAPI SKF_ExtECCSign(DEVHANDLE hDev, ECCPRIVATEKEYBLOB *pECCPriKeyBlob,
+                                    BYTE *pbData, ULONG ulDataLen, PECCSIGNATUREBLOB pSignature);
+SKF_API ULONG DEVAPI SKF_ExtECCVerify(DEVHANDLE hDev, ECCPUBLICKEYBLOB *pECCPubKeyBlob,
+                                      BYTE *pbData, ULONG ulDataLen, PECCSIGNATUREBLOB pSignature);
+
+/* ---- Key agreement and session keys ---------------------------------- */
+SKF_API ULONG DEVAPI SKF_GenerateAgreementDataWithECC(HCONTAINER hContainer, ULONG ulAlgId,
+                                                      ECCPUBLICKEYBLOB *pTempECCPubKeyBlob,
+                                                      BYTE *pbID, ULONG ulIDLen,
+                                                      HANDLE *phAgreementHandle);
+SKF_API ULONG DEVAPI SKF_GenerateAgreementDataAndKeyWithECC(
+    HANDLE hContainer, ULONG ulAlgId, ECCPUBLICKEYBLOB *pSponsorECCPubKeyBlob,
+    ECCPUBLICKEYBLOB *pSponsorTempECCPubKeyBlob, ECCPUBLICKEYBLOB *pTempECCPubKeyBlob, BYTE *pbID,
+    ULONG ulIDLen, BYTE *pbSponsorID, ULONG ulSponsorIDLen, HANDLE *phKeyHandle);
+SKF_API ULONG DEVAPI SKF_GenerateKeyWithECC(HANDLE hAgreementHandle,
+                                            ECCPUBLICKEYBLOB *pECCPubKeyBlob,
+                                            ECCPUBLICKEYBLOB *pTempECCPubKeyBlob, BYTE *pbID,
+                                            ULONG ulIDLen, HANDLE *phKeyHandle);
+SKF_API ULONG DEVAPI SKF_ImportSessionKey(HCONTAINER hContainer, ULONG ulAlgId,
+                                          BYTE *pbWrapedData, ULONG ulWrapedLen, HANDLE *phKey);
 
 /* ---- Symmetric ciphers ----------------------------------------------- */
 SKF_API ULONG DEVAPI SKF_SetSymmKey(DEVHANDLE hDev, BYTE *pbKey, ULONG ulAlgID, HANDLE *phKey);
@@ -327,11 +390,26 @@ SKF_API ULONG DEVAPI SKF_Encrypt(HANDLE hKey, BYTE *pbData, ULONG ulDataLen,
 SKF_API ULONG DEVAPI SKF_DecryptInit(HANDLE hKey, BLOCKCIPHERPARAM DecryptParam);
 SKF_API ULONG DEVAPI SKF_Decrypt(HANDLE hKey, BYTE *pbEncryptedData, ULONG ulEncryptedLen,
                                  BYTE *pbData, ULONG *pulDataLen);
+SKF_API ULONG DEVAPI SKF_EncryptUpdate(HANDLE hKey, BYTE *pbData, ULONG ulDataLen,
+                                       BYTE *pbEncryptedData, ULONG *pulEncryptedLen);
+SKF_API ULONG DEVAPI SKF_EncryptFinal(HANDLE hKey, BYTE *pbEncryptedData,
+                                      ULONG *pulEncryptedDataLen);
+SKF_API ULONG DEVAPI SKF_DecryptUpdate(HANDLE hKey, BYTE *pbEncryptedData, ULONG ulEncryptedLen,
+                                       BYTE *pbData, ULONG *pulDataLen);
+SKF_API ULONG DEVAPI SKF_DecryptFinal(HANDLE hKey, BYTE *pbDecryptedData,
+                                      ULONG *pulDecryptedDataLen);
+SKF_API ULONG DEVAPI SKF_MacInit(HANDLE hKey, BLOCKCIPHERPARAM *pMacParam, HANDLE *phMac);
+SKF_API ULONG DEVAPI SKF_Mac(HANDLE hMac, BYTE *pbData, ULONG ulDataLen, BYTE *pbMacData,
+                             ULONG *pulMacLen);
+SKF_API ULONG DEVAPI SKF_MacUpdate(HANDLE hMac, BYTE *pbData, ULONG ulDataLen);
+SKF_API ULONG DEVAPI SKF_MacFinal(HANDLE hMac, BYTE *pbMacData, ULONG *pulMacDataLen);
 SKF_API ULONG DEVAPI SKF_CloseHandle(HANDLE hHandle);
 
 /* ---- Digests --------------------------------------------------------- */
 SKF_API ULONG DEVAPI SKF_DigestInit(DEVHANDLE hDev, ULONG ulAlgID, ECCPUBLICKEYBLOB *pPubKey,
                                     unsigned char *pucID, ULONG ulIDLen, HANDLE *phHash);
+SKF_API ULONG DEVAPI SKF_Digest(HANDLE hHash, BYTE *pbData, ULONG ulDataLen, BYTE *pbHashData,
+                                ULONG *pulHashLen);
 SKF_API ULONG DEVAPI SKF_DigestUpdate(HANDLE hHash, BYTE *pbData, ULONG ulDataLen);
 SKF_API ULONG DEVAPI SKF_DigestFinal(HANDLE hHash, BYTE *pHashData, ULONG *pulHashLen);
 

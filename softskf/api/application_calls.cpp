@@ -156,7 +156,8 @@ ULONG DEVAPI SKF_CloseApplication(HAPPLICATION hApplication) {
     ULONG rv;
     if (call.faulted(rv)) return rv;
     if (call.token().handles.application(hApplication) == nullptr) return SAR_INVALIDHANDLEERR;
-    call.token().handles.removeChildrenOfApplication(HandleTable::idOf(hApplication));
+    // Its container handles stay until SKF_CloseContainer (SAR_OK) or
+    // SKF_DisConnectDev; any other use answers SAR_INVALIDHANDLEERR.
     call.token().handles.remove(hApplication, HandleKind::Application);
     return SAR_OK;
   });

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "crypto/backend.h"
+#include "softskf/api/feedback_modes.h"
 #include "softskf/core/token.h"
 
 using namespace tembra;
@@ -17,11 +18,13 @@ ULONG initCipher(Call &call, HANDLE hKey, const BLOCKCIPHERPARAM &param, CipherS
   KeyObject *key = call.token().handles.key(hKey);
   if (key == nullptr) return SAR_INVALIDHANDLEERR;
   if ((param.IVLen != 0 && param.IVLen != 16) || param.PaddingType > 1) return SAR_INVALIDPARAMERR;
-  if (key->algorithm == SGD_SMS4_CBC && param.IVLen != 16) return SAR_INVALIDPARAMERR;
+  if ((key->algorithm == SGD_SMS4_CBC || isFeedbackMode(key->algorithm)) && param.IVLen != 16)
+    return SAR_INVALIDPARAMERR;
   memset(key->iv, 0, sizeof key->iv);
   if (param.IVLen == 16) memcpy(key->iv, param.IV, 16);
   key->padding = param.PaddingType == 1;
   key->state = state;
+  key->pending.clear();
   return SAR_OK;
 }
 
@@ -53,7 +56,8 @@ ULONG runCipher(Call &call, HANDLE hKey, CipherState expected, const BYTE *in, U
   if (inLen > kMaxCipherData) return SAR_INDATALENERR;
   const bool encrypt = expected == CipherState::Encrypt;
   const bool cbc = key->algorithm == SGD_SMS4_CBC;
-  if (!key->padding || !encrypt) {
+  const bool feedback = isFeedbackMode(key->algorithm);  // stream modes: any length, no padding
+  if (!feedback && (!key->padding || !encrypt)) {
     if (inLen % 16 != 0 || (key->padding && inLen == 0)) return SAR_INDATALENERR;
   }
   if (!key->padding && out != nullptr && *outLen >= inLen && !partlyOverlapping(in, out, inLen)) {
@@ -69,7 +73,9 @@ ULONG runCipher(Call &call, HANDLE hKey, CipherState expected, const BYTE *in, U
   }
   SecureBytes result;
   bool ok;
-  if (key->padding) {
+  if (feedback) {
+    ok = sm4Feedback(*key, encrypt, in, inLen, result);
+  } else if (key->padding) {
     ok = cbc ? crypto::sm4CbcPadded(encrypt, key->key.data(), key->iv, in, inLen, result)
              : crypto::sm4EcbPadded(encrypt, key->key.data(), in, inLen, result);
   } else {
@@ -97,7 +103,8 @@ ULONG DEVAPI SKF_SetSymmKey(DEVHANDLE hDev, BYTE *pbKey, ULONG ulAlgID, HANDLE *
     DeviceObject *device = call.token().handles.device(hDev);
     if (device == nullptr) return SAR_INVALIDHANDLEERR;
     if (pbKey == nullptr || phKey == nullptr) return SAR_INVALIDPARAMERR;
-    if (ulAlgID != SGD_SMS4_ECB && ulAlgID != SGD_SMS4_CBC) return SAR_NOTSUPPORTYETERR;
+    if (ulAlgID != SGD_SMS4_ECB && ulAlgID != SGD_SMS4_CBC && !isFeedbackMode(ulAlgID))
+      return SAR_NOTSUPPORTYETERR;
     std::unique_ptr<KeyObject> key(new KeyObject);
     key->device = HandleTable::idOf(hDev);
     key->algorithm = ulAlgID;

@@ -112,9 +112,12 @@ ULONG DEVAPI SKF_GetDevInfo(DEVHANDLE hDev, DEVINFO *pDevInfo) {
     copyText(info.SerialNumber, sizeof info.SerialNumber, record.serial);
     info.HWVersion.major = 1;
     info.FirmwareVersion.major = 1;
-    info.AlgSymCap = record.hasCapabilities ? record.symCapability : SGD_SMS4_ECB | SGD_SMS4_CBC;
-    info.AlgAsymCap =
-        record.hasCapabilities ? record.asymCapability : SGD_RSA | SGD_SM2_1 | SGD_SM2_3;
+    info.AlgSymCap = record.hasCapabilities
+                         ? record.symCapability
+                         : SGD_SMS4_ECB | SGD_SMS4_CBC | SGD_SMS4_CFB | SGD_SMS4_OFB;
+    info.AlgAsymCap = record.hasCapabilities ? record.asymCapability
+                                             : SGD_RSA | SGD_SM2_1 | SGD_SM2_3 |
+                                                   SGD_SM2_1_GMT0006 | SGD_SM2_3_GMT0006;
     info.AlgHashCap = record.hasCapabilities ? record.hashCapability : SGD_SM3;
     info.DevAuthAlgId = SGD_SMS4_ECB;
     info.TotalSpace = kTotalSpace;

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "crypto/backend.h"
+#include "softskf/api/algorithm_ids.h"
 #include "softskf/api/key_access.h"
 #include "softskf/keys/key_material.h"
 
@@ -41,7 +42,7 @@ ULONG DEVAPI SKF_GenECCKeyPair(HCONTAINER hContainer, ULONG ulAlgId, ECCPUBLICKE
     if (call.faulted(rv)) return rv;
     AppSession session(call);
     if ((rv = session.openContainer(hContainer)) != SAR_OK) return rv;
-    if (pBlob == nullptr || ulAlgId != SGD_SM2_1) return SAR_INVALIDPARAMERR;
+    if (pBlob == nullptr || !isSm2SignatureAlgorithm(ulAlgId)) return SAR_INVALIDPARAMERR;
     TokenKey tokenKey;
     if ((rv = userTokenKey(session, tokenKey)) != SAR_OK) return rv;
     ContainerRecord &container = session.container();

@@ -70,8 +70,41 @@ bool isSkfFunctionName(const char *name) {
       "SKF_SetSymmKey",        "SKF_EncryptInit",       "SKF_Encrypt",
       "SKF_DecryptInit",       "SKF_Decrypt",           "SKF_CloseHandle",
       "SKF_DigestInit",        "SKF_DigestUpdate",      "SKF_DigestFinal"};
+  // The rest of GM/T 0016.
+  static const char *const kMoreNames[] = {"SKF_WaitForDevEvent",
+                                           "SKF_CancelWaitForDevEvent",
+                                           "SKF_GetDevState",
+                                           "SKF_SetLabel",
+                                           "SKF_Transmit",
+                                           "SKF_GenExtRSAKey",
+                                           "SKF_RSAVerify",
+                                           "SKF_RSAExportSessionKey",
+                                           "SKF_ExtRSAPubKeyOperation",
+                                           "SKF_ExtRSAPriKeyOperation",
+                                           "SKF_ECCVerify",
+                                           "SKF_ECCExportSessionKey",
+                                           "SKF_ExtECCEncrypt",
+                                           "SKF_ExtECCDecrypt",
+                                           "SKF_ExtECCSign",
+                                           "SKF_ExtECCVerify",
+                                           "SKF_GenerateAgreementDataWithECC",
+                                           "SKF_GenerateAgreementDataAndKeyWithECC",
+                                           "SKF_GenerateKeyWithECC",
+                                           "SKF_ImportSessionKey",
+                                           "SKF_EncryptUpdate",
+                                           "SKF_EncryptFinal",
+                                           "SKF_DecryptUpdate",
+                                           "SKF_DecryptFinal",
+                                           "SKF_Digest",
+                                           "SKF_MacInit",
+                                           "SKF_Mac",
+                                           "SKF_MacUpdate",
+                                           "SKF_MacFinal"};
   if (name == nullptr) return false;
   for (const char *known : kNames) {
+    if (strcmp(known, name) == 0) return true;
+  }
+  for (const char *known : kMoreNames) {
     if (strcmp(known, name) == 0) return true;
   }
   return false;

@@ -40,7 +40,8 @@ struct ContainerObject {
   std::string name;
 };
 
-enum class CipherState { Idle, Encrypt, Decrypt };
+// Mac: a MAC handle taking data; Agreement: a key agreement under way.
+enum class CipherState { Idle, Encrypt, Decrypt, Mac, Agreement };
 
 struct KeyObject {
   uint32_t device = 0;
@@ -49,6 +50,10 @@ struct KeyObject {
   CipherState state = CipherState::Idle;
   uint8_t iv[16] = {};
   bool padding = false;
+  // Input held back between *Update calls (streaming ciphers, MAC); for a
+  // key agreement the temporary private key, then the sponsor's ID.
+  SecureBytes pending;
+  HANDLE container = nullptr;  // key agreement: the container taking part
 };
 
 struct HashObject {

@@ -50,8 +50,9 @@ TEST_F(ObjectsTest, DeviceInfoDescribesTheSoftwareToken) {
   EXPECT_STREQ("Label", info.Label);
   EXPECT_STREQ("SN0001", info.SerialNumber);
   EXPECT_EQ(1, info.Version.major);
-  EXPECT_EQ(0x403u, ULONG(info.AlgSymCap));
-  EXPECT_EQ(SGD_RSA | SGD_SM2_1 | SGD_SM2_3, ULONG(info.AlgAsymCap));
+  EXPECT_EQ(0x40Fu, ULONG(info.AlgSymCap));
+  EXPECT_EQ(SGD_RSA | SGD_SM2_1 | SGD_SM2_3 | SGD_SM2_1_GMT0006 | SGD_SM2_3_GMT0006,
+            ULONG(info.AlgAsymCap));
   EXPECT_EQ(SGD_SM3, ULONG(info.AlgHashCap));
   EXPECT_EQ(SGD_SMS4_ECB, ULONG(info.DevAuthAlgId));
   EXPECT_LE(ULONG(info.FreeSpace), ULONG(info.TotalSpace));

@@ -4,6 +4,7 @@
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
 #include <openssl/ec.h>
+#include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
@@ -186,11 +187,17 @@ RsaPair newRsaPair(int bits) {
 }
 
 Bytes sm4(bool encrypt, bool pad, const Bytes &key, const Bytes &in) {
+  return sm4Mode("SM4-ECB", encrypt, pad, key, Bytes(), in);
+}
+
+Bytes sm4Mode(const char *mode, bool encrypt, bool pad, const Bytes &key, const Bytes &iv,
+              const Bytes &in) {
   EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-  EVP_CIPHER *cipher = EVP_CIPHER_fetch(nullptr, "SM4-ECB", nullptr);
+  EVP_CIPHER *cipher = EVP_CIPHER_fetch(nullptr, mode, nullptr);
   Bytes out(in.size() + 16);
   int len1 = 0, len2 = 0;
-  bool ok = EVP_CipherInit_ex2(ctx, cipher, key.data(), nullptr, encrypt ? 1 : 0, nullptr) == 1 &&
+  bool ok = EVP_CipherInit_ex2(ctx, cipher, key.data(), iv.empty() ? nullptr : iv.data(),
+                               encrypt ? 1 : 0, nullptr) == 1 &&
             EVP_CIPHER_CTX_set_padding(ctx, pad ? 1 : 0) == 1 &&
             EVP_CipherUpdate(ctx, out.data(), &len1, in.data(), static_cast<int>(in.size())) == 1 &&
             EVP_CipherFinal_ex(ctx, out.data() + len1, &len2) == 1;
@@ -199,6 +206,123 @@ Bytes sm4(bool encrypt, bool pad, const Bytes &key, const Bytes &in) {
   if (!ok) return Bytes();
   out.resize(static_cast<size_t>(len1 + len2));
   return out;
+}
+
+Bytes sm3(const Bytes &data) {
+  Bytes out(32);
+  unsigned int len = 0;
+  EVP_Digest(data.data(), data.size(), out.data(), &len, EVP_sm3(), nullptr);
+  return out;
+}
+
+Bytes rsaDecrypt(EVP_PKEY *key, const Bytes &cipher) {
+  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
+  Bytes out(512);
+  size_t len = out.size();
+  if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 ||
+      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+      EVP_PKEY_decrypt(ctx.get(), out.data(), &len, cipher.data(), cipher.size()) != 1) {
+    return Bytes();
+  }
+  out.resize(len);
+  return out;
+}
+
+Bytes sm2Envelope(EVP_PKEY *wrapKey, const Sm2Pair &pair) {
+  const Bytes symmetricKey(16, 0x5A);
+  Bytes wrapped = sm2EncryptToBlob(wrapKey, symmetricKey);
+  Bytes blob(sizeof(ENVELOPEDKEYBLOB) + 15, 0);
+  ENVELOPEDKEYBLOB *env = reinterpret_cast<ENVELOPEDKEYBLOB *>(blob.data());
+  env->Version = 1;
+  env->ulSymmAlgID = SGD_SMS4_ECB;
+  env->ulBits = 256;
+  Bytes cipher = sm4(true, false, symmetricKey, pair.d);
+  memcpy(env->cbEncryptedPriKey + 32, cipher.data(), 32);
+  env->PubKey.BitLen = 256;
+  memcpy(env->PubKey.XCoordinate + 32, pair.x.data(), 32);
+  memcpy(env->PubKey.YCoordinate + 32, pair.y.data(), 32);
+  memcpy(&env->ECCCipherBlob, wrapped.data(), sizeof(ECCCIPHERBLOB) + 15);
+  return blob;
+}
+
+namespace {
+
+struct BnPool {
+  BN_CTX *ctx = BN_CTX_new();
+  std::vector<BIGNUM *> all;
+  BIGNUM *add(BIGNUM *bn) {
+    all.push_back(bn);
+    return bn;
+  }
+  BIGNUM *of(const unsigned char *p, size_t n) {
+    return add(BN_bin2bn(p, static_cast<int>(n), nullptr));
+  }
+  ~BnPool() {
+    for (BIGNUM *bn : all) BN_free(bn);
+    BN_CTX_free(ctx);
+  }
+};
+
+// Z = SM3(ENTL || ID || a || b || xG || yG || x || y).
+Bytes sm2Z(const EC_GROUP *group, BnPool &bn, const Bytes &id, const unsigned char *x,
+           const unsigned char *y) {
+  BIGNUM *p = bn.add(BN_new()), *a = bn.add(BN_new()), *b = bn.add(BN_new());
+  BIGNUM *gx = bn.add(BN_new()), *gy = bn.add(BN_new());
+  EC_GROUP_get_curve(group, p, a, b, bn.ctx);
+  EC_POINT_get_affine_coordinates(group, EC_GROUP_get0_generator(group), gx, gy, bn.ctx);
+  Bytes in = {static_cast<unsigned char>(id.size() * 8 >> 8),
+              static_cast<unsigned char>(id.size() * 8)};
+  in.insert(in.end(), id.begin(), id.end());
+  for (const BIGNUM *v : {a, b, gx, gy}) {
+    Bytes field = bnBytes(v, 32);
+    in.insert(in.end(), field.begin(), field.end());
+  }
+  in.insert(in.end(), x, x + 32);
+  in.insert(in.end(), y, y + 32);
+  return sm3(in);
+}
+
+BIGNUM *reduced(BnPool &bn, const unsigned char *x) {
+  Bytes low(x + 16, x + 32);
+  low[0] |= 0x80;
+  return bn.of(low.data(), low.size());
+}
+
+}  // namespace
+
+Bytes sm2AgreedKey(const Sm2Pair &own, const Sm2Pair &ownTemp, const Bytes &ownId,
+                   const ECCPUBLICKEYBLOB &peer, const ECCPUBLICKEYBLOB &peerTemp,
+                   const Bytes &peerId) {
+  BnPool bn;
+  EC_GROUP *group = EC_GROUP_new_by_curve_name(NID_sm2);
+  const BIGNUM *n = EC_GROUP_get0_order(group);
+  EC_POINT *pb = EC_POINT_new(group), *rb = EC_POINT_new(group), *u = EC_POINT_new(group);
+  EC_POINT_set_affine_coordinates(group, pb, bn.of(peer.XCoordinate + 32, 32),
+                                  bn.of(peer.YCoordinate + 32, 32), bn.ctx);
+  EC_POINT_set_affine_coordinates(group, rb, bn.of(peerTemp.XCoordinate + 32, 32),
+                                  bn.of(peerTemp.YCoordinate + 32, 32), bn.ctx);
+  // t = d + x1' r mod n; U = t (P + x2' R)
+  BIGNUM *t = bn.add(BN_new());
+  BN_mod_mul(t, reduced(bn, ownTemp.x.data()), bn.of(ownTemp.d.data(), 32), n, bn.ctx);
+  BN_mod_add(t, t, bn.of(own.d.data(), 32), n, bn.ctx);
+  EC_POINT_mul(group, u, nullptr, rb, reduced(bn, peerTemp.XCoordinate + 32), bn.ctx);
+  EC_POINT_add(group, u, u, pb, bn.ctx);
+  EC_POINT_mul(group, u, nullptr, u, t, bn.ctx);
+  BIGNUM *ux = bn.add(BN_new()), *uy = bn.add(BN_new());
+  EC_POINT_get_affine_coordinates(group, u, ux, uy, bn.ctx);
+  Bytes in = bnBytes(ux, 32), uyb = bnBytes(uy, 32);
+  in.insert(in.end(), uyb.begin(), uyb.end());
+  for (const Bytes &z : {sm2Z(group, bn, ownId, own.x.data(), own.y.data()),
+                         sm2Z(group, bn, peerId, peer.XCoordinate + 32, peer.YCoordinate + 32)})
+    in.insert(in.end(), z.begin(), z.end());
+  in.insert(in.end(), {0, 0, 0, 1});  // KDF counter 1: one SM3 block covers 16 bytes
+  Bytes key = sm3(in);
+  key.resize(16);
+  EC_POINT_free(pb);
+  EC_POINT_free(rb);
+  EC_POINT_free(u);
+  EC_GROUP_free(group);
+  return key;
 }
 
 }  // namespace softskf_test

@@ -52,6 +52,19 @@ struct RsaPair {
 RsaPair newRsaPair(int bits);
 
 Bytes sm4(bool encrypt, bool pad, const Bytes &key, const Bytes &in);
+// The same in another mode ("SM4-CBC", "SM4-CFB", "SM4-OFB") with an IV.
+Bytes sm4Mode(const char *mode, bool encrypt, bool pad, const Bytes &key, const Bytes &iv,
+              const Bytes &in);
+Bytes sm3(const Bytes &data);
+Bytes rsaDecrypt(EVP_PKEY *key, const Bytes &cipher);
+// An ENVELOPEDKEYBLOB importing `pair` (private key in the 32-byte layout),
+// its SM4 key SM2-encrypted under wrapKey.
+Bytes sm2Envelope(EVP_PKEY *wrapKey, const Sm2Pair &pair);
+// The 16-byte key of SM2 key agreement (GM/T 0003.3) as the sponsor
+// derives it from its key pair and temporary pair and the responder's.
+Bytes sm2AgreedKey(const Sm2Pair &own, const Sm2Pair &ownTemp, const Bytes &ownId,
+                   const ECCPUBLICKEYBLOB &peer, const ECCPUBLICKEYBLOB &peerTemp,
+                   const Bytes &peerId);
 
 }  // namespace softskf_test
 
