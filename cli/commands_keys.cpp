@@ -1,9 +1,14 @@
 // `tembra devices`, `keys`, `pubkey` and `cert`: what the provider sees on
 // the tokens, read through its entry points only.
+#include <string.h>
 #include "cli/commands.h"
 #include "cli/files.h"
 #include "cli/pin_input.h"
 #include "cli/session.h"
+
+#include "cli/errors.h"
+#include "cli/token_store.h"
+#include "crypto/der.h"
 #include "crypto/key_formats.h"
 
 namespace tembra {
@@ -11,7 +16,8 @@ namespace cli {
 namespace {
 
 // Output of DER bytes: to -o (default standard output), as PEM with --pem;
-// with --json the bytes go into the record as hex or PEM text instead.
+// with --json the bytes go into the record as hex or PEM text instead. DER
+// is never written to a terminal without --force; PEM is text.
 void emitDer(CommandContext &context, const Bytes &der, const char *pemLabel,
              const char *jsonField) {
   const bool pem = context.args.has("pem");
@@ -21,13 +27,57 @@ void emitDer(CommandContext &context, const Bytes &der, const char *pemLabel,
         {{jsonField, pem ? crypto::pemArmour(pemLabel, der.data(), der.size()) : hexText(der)}});
     return;
   }
+  size_t written = der.size();
   if (pem) {
     std::string text = crypto::pemArmour(pemLabel, der.data(), der.size());
-    writeFile(path, reinterpret_cast<const uint8_t *>(text.data()), text.size());
+    context.out.writeResult(path, reinterpret_cast<const uint8_t *>(text.data()), text.size(),
+                            true);
+    written = text.size();
   } else {
-    writeFile(path, der);
+    context.out.writeResult(path, der.data(), der.size());
   }
-  if (path != "-") context.out.record({{"written", path}, {"bytes", int64_t(der.size())}});
+  if (path != "-") {
+    context.out.record(
+        {{"written", path}, {"format", pem ? "PEM" : "DER"}, {"bytes", int64_t(written)}});
+  }
+}
+
+// The SubjectPublicKeyInfo of a DER certificate, or empty when the bytes are
+// no certificate: Certificate { TBSCertificate { [0] version, serial,
+// signature, issuer, validity, subject, subjectPublicKeyInfo, ... }, ... }.
+Bytes certificatePublicKey(const Bytes &certificate) {
+  der::Reader outer(certificate);
+  der::Reader cert;
+  der::Reader tbs;
+  der::Element element;
+  if (!outer.enterSequence(cert) || !cert.enterSequence(tbs)) return Bytes();
+  tbs.optional(der::contextTag(0, true), element);
+  for (int skip = 0; skip < 5; ++skip) {
+    if (!tbs.next(element)) return Bytes();
+  }
+  if (!tbs.expect(der::kTagSequence, element)) return Bytes();
+  return element.encodingBytes();
+}
+
+// The same key: both SM2 with equal points, or both RSA with equal modulus
+// and exponent, however each SubjectPublicKeyInfo is spelled.
+bool sameKey(const Bytes &a, const Bytes &b) {
+  const crypto::KeyAlgorithm kind = crypto::spkiAlgorithm(a.data(), a.size());
+  if (kind != crypto::spkiAlgorithm(b.data(), b.size())) return false;
+  if (kind == crypto::KeyAlgorithm::kSm2) {
+    crypto::Sm2PublicKey x;
+    crypto::Sm2PublicKey y;
+    return crypto::decodeSm2Spki(a.data(), a.size(), x) &&
+           crypto::decodeSm2Spki(b.data(), b.size(), y) && memcmp(x.x, y.x, sizeof x.x) == 0 &&
+           memcmp(x.y, y.y, sizeof x.y) == 0;
+  }
+  if (kind == crypto::KeyAlgorithm::kRsa) {
+    crypto::RsaPublicKey x;
+    crypto::RsaPublicKey y;
+    return crypto::decodeRsaSpki(a.data(), a.size(), x) &&
+           crypto::decodeRsaSpki(b.data(), b.size(), y) && x.n == y.n && x.e == y.e;
+  }
+  return false;
 }
 
 }  // namespace
@@ -52,6 +102,12 @@ int runDevices(CommandContext &context) {
                     {"keypairs", keypairs}});
   }
   context.out.table(rows);
+  // A token the store holds but the provider left out is not silently
+  // missing from the list.
+  for (const StoreProblem &problem : storeProblems()) {
+    context.err << "tembra: warning: token '" << problem.token << "' " << problem.reason
+                << "; the provider does not list it\n";
+  }
   return 0;
 }
 
@@ -63,7 +119,7 @@ int runKeys(CommandContext &context) {
   const int count = api.DeviceGetKeypairCount(device);
   for (int index = 0; index < count; ++index) {
     KeypairRef keypair(api, api.DeviceGetKeypair(device, index));
-    if (keypair.get() == nullptr) throw CliError("DeviceGetKeypair failed");
+    if (keypair.get() == nullptr) throw CliError("cannot read key pair " + std::to_string(index));
     rows.push_back({{"index", index},
                     {"label", keypairLabel(api, keypair.get())},
                     {"type", keypairTypeText(api.DeviceGetKeypairType(keypair.get()))},
@@ -113,12 +169,19 @@ int runCert(CommandContext &context) {
   SPI_DEVICE_HANDLE device = session.device(context.deviceIndex);
   KeypairRef keypair(api, findKeypair(api, device, type, label));
   if (put) {
+    const Bytes certKey = certificatePublicKey(certificate);
+    if (certKey.empty()) {
+      throw CliError(context.args.value("input") + " is not an X.509 certificate");
+    }
+    if (!sameKey(certKey, exportPublicKey(api, keypair.get())) && !context.out.force()) {
+      throw CliError(std::string("the certificate's public key is not that of the ") +
+                     keypairTypeText(type) + " key pair '" + label +
+                     "'; nothing stored (--force stores it all the same)");
+    }
     login(api, device, 1, pin.c_str());
     const int rv =
         api.DeviceUpdateCertificate(keypair.get(), certificate.data(), int(certificate.size()));
-    if (rv != ORVEL_PKI_OK) {
-      throw CliError("DeviceUpdateCertificate failed (" + std::to_string(rv) + ")");
-    }
+    checkProviderResult(rv, "storing the certificate");
     context.out.record({{"label", label},
                         {"type", keypairTypeText(type)},
                         {"stored", int64_t(certificate.size())}});
