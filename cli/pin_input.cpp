@@ -103,11 +103,13 @@ class EchoOff {
 };
 
 bool promptPin(const std::string &prompt, SecretText &pin, std::string *error) {
-  fprintf(stderr, "%s: ", prompt.c_str());
-  fflush(stderr);
   SecretText text;
   {
+    // Echo goes off before the prompt shows, so nothing typed after it is
+    // ever echoed.
     EchoOff quiet;
+    fprintf(stderr, "%s: ", prompt.c_str());
+    fflush(stderr);
     int c;
     while ((c = fgetc(stdin)) != EOF && c != '\n' && c != '\r') text.push_back(char(c));
   }

@@ -112,7 +112,7 @@ class TembraOnToken : public ::testing::Test {
     test::setEnv("TEMBRA_TEST_USER_PIN", "11112222");
     test::setEnv("TEMBRA_TEST_WRONG_PIN", "99999999");
     Outcome run = tembra({"token", "create", "tok", "--container", "S:sm2", "--container",
-                          "R:rsa1024:nocert", "--user-pin-env", "TEMBRA_TEST_USER_PIN"});
+                          "R:rsa1024:nocert", "--user-pin-env", "TEMBRA_TEST_USER_PIN", "--default-pins"});
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.err, "tembra: note: default PIN 12345678 in use for the administrator\n");
   }
