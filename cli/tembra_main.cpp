@@ -124,10 +124,10 @@ int dispatch(const std::vector<std::string> &words, std::ostream &out, std::ostr
     throw UsageError(name + ": unexpected argument '" + args.positionals().front() + "'");
   }
   const DeviceChoice choice = deviceChoice(args, name);
-  if (args.has("module")) {
-    if (args.value("module").empty()) throw UsageError("--module needs a library path");
-    setProviderModule(args.value("module"));
+  if (args.has("module") && args.value("module").empty()) {
+    throw UsageError("--module needs a library path");
   }
+  setProviderModule(args.value("module"));
   chooseLogLevel(args, err);
   if (args.has("store")) {
     if (args.value("store").empty()) throw UsageError("--store needs a directory");

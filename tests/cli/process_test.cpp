@@ -252,10 +252,10 @@ TEST_F(TembraProcess, BinaryIsRefusedOnATerminal) {
     std::vector<std::string> words;
     int status;
   };
-  for (const Case &c : {Case{{"pubkey", "--label", "S"}, 1},
-                        Case{{"cert", "get", "--label", "S"}, 1},
-                        Case{{"pubkey", "--label", "S", "--force"}, 0},
-                        Case{{"pubkey", "--label", "S", "--pem"}, 0}}) {
+  for (const Case &c :
+       {Case{{"pubkey", "--label", "S"}, 1}, Case{{"cert", "get", "--label", "S"}, 1},
+        Case{{"pubkey", "--label", "S", "--force"}, 0},
+        Case{{"pubkey", "--label", "S", "--pem"}, 0}}) {
     Child child;
     child.words = c.words;
     child.env = m_env;
@@ -323,8 +323,8 @@ TEST_F(TembraProcess, LargeInputTakesBoundedMemory) {
   ASSERT_GE(fd, 0);
   ASSERT_EQ(ftruncate(fd, size), 0);
   close(fd);
-  Result sign = tembra({"sign", "--label", "S", "-i", big, "-o", path("big.sig"), "--pin-file",
-                        path("pin")});
+  Result sign =
+      tembra({"sign", "--label", "S", "-i", big, "-o", path("big.sig"), "--pin-file", path("pin")});
   ASSERT_EQ(sign.status, 0) << sign.err;
   EXPECT_LT(sign.maxRssKiB, 24 * 1024) << "KiB";
   Result verify = tembra({"verify", "--label", "S", "-i", big, "-s", path("big.sig")});
