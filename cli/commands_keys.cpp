@@ -5,10 +5,10 @@
 #include "cli/files.h"
 #include "cli/pin_input.h"
 #include "cli/session.h"
+#include "cli/signing.h"
 
 #include "cli/errors.h"
 #include "cli/token_store.h"
-#include "crypto/der.h"
 #include "crypto/key_formats.h"
 
 namespace tembra {
@@ -40,44 +40,6 @@ void emitDer(CommandContext &context, const Bytes &der, const char *pemLabel,
     context.out.record(
         {{"written", path}, {"format", pem ? "PEM" : "DER"}, {"bytes", int64_t(written)}});
   }
-}
-
-// The SubjectPublicKeyInfo of a DER certificate, or empty when the bytes are
-// no certificate: Certificate { TBSCertificate { [0] version, serial,
-// signature, issuer, validity, subject, subjectPublicKeyInfo, ... }, ... }.
-Bytes certificatePublicKey(const Bytes &certificate) {
-  der::Reader outer(certificate);
-  der::Reader cert;
-  der::Reader tbs;
-  der::Element element;
-  if (!outer.enterSequence(cert) || !cert.enterSequence(tbs)) return Bytes();
-  tbs.optional(der::contextTag(0, true), element);
-  for (int skip = 0; skip < 5; ++skip) {
-    if (!tbs.next(element)) return Bytes();
-  }
-  if (!tbs.expect(der::kTagSequence, element)) return Bytes();
-  return element.encodingBytes();
-}
-
-// The same key: both SM2 with equal points, or both RSA with equal modulus
-// and exponent, however each SubjectPublicKeyInfo is spelled.
-bool sameKey(const Bytes &a, const Bytes &b) {
-  const crypto::KeyAlgorithm kind = crypto::spkiAlgorithm(a.data(), a.size());
-  if (kind != crypto::spkiAlgorithm(b.data(), b.size())) return false;
-  if (kind == crypto::KeyAlgorithm::kSm2) {
-    crypto::Sm2PublicKey x;
-    crypto::Sm2PublicKey y;
-    return crypto::decodeSm2Spki(a.data(), a.size(), x) &&
-           crypto::decodeSm2Spki(b.data(), b.size(), y) && memcmp(x.x, y.x, sizeof x.x) == 0 &&
-           memcmp(x.y, y.y, sizeof x.y) == 0;
-  }
-  if (kind == crypto::KeyAlgorithm::kRsa) {
-    crypto::RsaPublicKey x;
-    crypto::RsaPublicKey y;
-    return crypto::decodeRsaSpki(a.data(), a.size(), x) &&
-           crypto::decodeRsaSpki(b.data(), b.size(), y) && x.n == y.n && x.e == y.e;
-  }
-  return false;
 }
 
 }  // namespace
@@ -173,7 +135,7 @@ int runCert(CommandContext &context) {
     if (certKey.empty()) {
       throw CliError(context.args.value("input") + " is not an X.509 certificate");
     }
-    if (!sameKey(certKey, exportPublicKey(api, keypair.get())) && !context.out.force()) {
+    if (!samePublicKey(certKey, exportPublicKey(api, keypair.get())) && !context.out.force()) {
       throw CliError(std::string("the certificate's public key is not that of the ") +
                      keypairTypeText(type) + " key pair '" + label +
                      "'; nothing stored (--force stores it all the same)");

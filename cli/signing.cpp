@@ -1,5 +1,7 @@
 #include "cli/signing.h"
 
+#include <string.h>
+
 #include "cli/session.h"
 #include "crypto/backend.h"
 #include "crypto/der.h"
@@ -128,6 +130,39 @@ bool verifySignature(const std::vector<uint8_t> &spki, const std::vector<uint8_t
   SignatureDigest digest(spki, hash);
   digest.update(message.data(), message.size());
   return digest.verify(signature);
+}
+
+std::vector<uint8_t> certificatePublicKey(const std::vector<uint8_t> &certificate) {
+  der::Reader outer(certificate);
+  der::Reader cert;
+  der::Reader tbs;
+  der::Element element;
+  if (!outer.enterSequence(cert) || !cert.enterSequence(tbs)) return std::vector<uint8_t>();
+  tbs.optional(der::contextTag(0, true), element);
+  for (int skip = 0; skip < 5; ++skip) {
+    if (!tbs.next(element)) return std::vector<uint8_t>();
+  }
+  if (!tbs.expect(der::kTagSequence, element)) return std::vector<uint8_t>();
+  return element.encodingBytes();
+}
+
+bool samePublicKey(const std::vector<uint8_t> &a, const std::vector<uint8_t> &b) {
+  const crypto::KeyAlgorithm kind = crypto::spkiAlgorithm(a.data(), a.size());
+  if (kind != crypto::spkiAlgorithm(b.data(), b.size())) return false;
+  if (kind == crypto::KeyAlgorithm::kSm2) {
+    crypto::Sm2PublicKey x;
+    crypto::Sm2PublicKey y;
+    return crypto::decodeSm2Spki(a.data(), a.size(), x) &&
+           crypto::decodeSm2Spki(b.data(), b.size(), y) && memcmp(x.x, y.x, sizeof x.x) == 0 &&
+           memcmp(x.y, y.y, sizeof x.y) == 0;
+  }
+  if (kind == crypto::KeyAlgorithm::kRsa) {
+    crypto::RsaPublicKey x;
+    crypto::RsaPublicKey y;
+    return crypto::decodeRsaSpki(a.data(), a.size(), x) &&
+           crypto::decodeRsaSpki(b.data(), b.size(), y) && x.n == y.n && x.e == y.e;
+  }
+  return false;
 }
 
 size_t maxEncryptLength(const std::vector<uint8_t> &spki) {

@@ -60,6 +60,16 @@ std::vector<uint8_t> encryptTo(const std::vector<uint8_t> &spki,
 const size_t kSm2TokenCipherLimit = 65536;
 size_t maxEncryptLength(const std::vector<uint8_t> &spki);
 
+// The SubjectPublicKeyInfo of a DER X.509 certificate, or empty when the
+// bytes are no certificate: Certificate { TBSCertificate { [0] version,
+// serial, signature, issuer, validity, subject, subjectPublicKeyInfo, ...
+// }, ... }. Reads outside input: bounded by the bytes given.
+std::vector<uint8_t> certificatePublicKey(const std::vector<uint8_t> &certificate);
+
+// The same key: both SM2 with equal points, or both RSA with equal modulus
+// and exponent, however each SubjectPublicKeyInfo is spelled.
+bool samePublicKey(const std::vector<uint8_t> &a, const std::vector<uint8_t> &b);
+
 // True if the public key is an SM2 key (else RSA); throws for neither.
 bool isSm2Key(const std::vector<uint8_t> &spki);
 
