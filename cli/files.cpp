@@ -127,6 +127,11 @@ std::vector<uint8_t> derFromDerOrPem(const std::vector<uint8_t> &bytes, const ch
   return der;
 }
 
+void binaryStandardOutput() {
+  fflush(stdout);
+  binaryStream(stdout);
+}
+
 void setEnvironment(const std::string &name, const std::string &value) {
 #ifdef _WIN32
   // Both the C runtime's copy and the process environment: libraries with

@@ -67,6 +67,10 @@ inline void writeFile(const std::string &path, const std::vector<uint8_t> &data)
 std::vector<uint8_t> derFromDerOrPem(const std::vector<uint8_t> &bytes, const char *label,
                                      const std::string &path);
 
+// Puts standard output in binary mode (Windows translates line ends in text
+// mode); nothing elsewhere.
+void binaryStandardOutput();
+
 // Sets an environment variable for this process and the libraries it loads.
 void setEnvironment(const std::string &name, const std::string &value);
 

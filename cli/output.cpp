@@ -3,6 +3,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <iostream>
 
 #include "cli/files.h"
 #include "cli/session.h"
@@ -88,6 +89,10 @@ void Output::writeResult(const std::string &path, const uint8_t *data, size_t le
     throw CliError(
         "refusing to write binary data to the terminal: name a file with -o, pipe the output, "
         "or add --force");
+  }
+  if (&m_out == &std::cout) {
+    m_out.flush();
+    binaryStandardOutput();
   }
   m_out.write(reinterpret_cast<const char *>(data), std::streamsize(len));
   m_out.flush();

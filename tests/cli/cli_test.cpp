@@ -437,10 +437,21 @@ TEST_F(TembraOnToken, CorruptTokenIsReportedAndNeverMistakenForAnother) {
   EXPECT_EQ(tembra({"keys", "--token-label", "other"}).status, 0);
 }
 
+TEST_F(TembraOnToken, ForcedCertificateOfAnotherKeyIsStored) {
+  ASSERT_EQ(tembra({"cert", "get", "--label", "S", "--type", "enc", "-o", path("enc.der")}).status,
+            0);
+  ASSERT_EQ(tembra({"cert", "put", "--force", "--label", "S", "-i", path("enc.der"), "--pin-env",
+                    "TEMBRA_TEST_USER_PIN"})
+                .status,
+            0);
+  ASSERT_EQ(tembra({"cert", "get", "--label", "S", "-o", path("back.der")}).status, 0);
+  EXPECT_EQ(readBytes("back.der"), readBytes("enc.der"));
+}
+
 TEST_F(TembraOnToken, ModuleSelectsTheProviderBuild) {
-  Outcome missing = tembra({"devices", "--module", "@/none.so"});
+  Outcome missing = tembra({"devices", "--module", "/nonexistent/provider.so"});
   EXPECT_EQ(missing.status, 1);
-  EXPECT_EQ(missing.err.rfind("tembra: cannot load @/none.so: ", 0), 0u) << missing.err;
+  EXPECT_EQ(missing.err.rfind("tembra: cannot load /nonexistent/provider.so: ", 0), 0u) << missing.err;
   Outcome chosen = tembra({"devices", "--module", TEMBRA_PROVIDER_BINARY});
   EXPECT_EQ(chosen.status, 0) << chosen.err;
 }
