@@ -46,7 +46,9 @@ ProgressBar::ProgressBar(const std::string &what, uint64_t total)
 
 ProgressBar::~ProgressBar() {
   if (!m_visible) return;
-  fprintf(stderr, "\r\033[K");
+  // Blanks over the bar rather than an escape sequence: every console
+  // understands a carriage return.
+  fprintf(stderr, "\r%s\r", std::string(m_width, ' ').c_str());
   fflush(stderr);
 }
 
@@ -62,9 +64,13 @@ void ProgressBar::draw() {
   m_shownPercent = percent;
   const int width = 30;
   const int filled = percent * width / 100;
-  fprintf(stderr, "\r%s [%s%s] %3d%% of %s", m_what.c_str(),
-          std::string(size_t(filled), '#').c_str(),
-          std::string(size_t(width - filled), '.').c_str(), percent, sizeText(m_total).c_str());
+  char line[160];
+  const int written = snprintf(line, sizeof line, "\r%s [%s%s] %3d%% of %s", m_what.c_str(),
+                               std::string(size_t(filled), '#').c_str(),
+                               std::string(size_t(width - filled), '.').c_str(), percent,
+                               sizeText(m_total).c_str());
+  if (written > 0 && size_t(written) > m_width) m_width = size_t(written);
+  fputs(line, stderr);
   fflush(stderr);
 }
 

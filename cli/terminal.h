@@ -3,6 +3,7 @@
 #ifndef TEMBRA_CLI_TERMINAL_H
 #define TEMBRA_CLI_TERMINAL_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <string>
@@ -35,6 +36,7 @@ class ProgressBar {
   uint64_t m_total;
   uint64_t m_done = 0;
   int m_shownPercent = -1;
+  size_t m_width = 0;  // of the longest line drawn
   bool m_visible;
 };
 

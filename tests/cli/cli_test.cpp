@@ -451,7 +451,8 @@ TEST_F(TembraOnToken, ForcedCertificateOfAnotherKeyIsStored) {
 TEST_F(TembraOnToken, ModuleSelectsTheProviderBuild) {
   Outcome missing = tembra({"devices", "--module", "/nonexistent/provider.so"});
   EXPECT_EQ(missing.status, 1);
-  EXPECT_EQ(missing.err.rfind("tembra: cannot load /nonexistent/provider.so: ", 0), 0u) << missing.err;
+  EXPECT_EQ(missing.err.rfind("tembra: cannot load /nonexistent/provider.so: ", 0), 0u)
+      << missing.err;
   Outcome chosen = tembra({"devices", "--module", TEMBRA_PROVIDER_BINARY});
   EXPECT_EQ(chosen.status, 0) << chosen.err;
 }
