@@ -51,8 +51,10 @@ int runDevices(CommandContext &context) {
   ProviderSession session;
   const ProviderApi &api = session.api();
   std::vector<Record> rows;
+  std::vector<std::string> serials;
   for (int index = 0; index < session.deviceCount(); ++index) {
     SPI_DEVICE_HANDLE device = session.device(index);
+    serials.push_back(deviceSerial(api, device));
     const int keypairs = api.DeviceGetKeypairCount(device);
     int retries = 0;
     const bool formatted =
@@ -66,9 +68,17 @@ int runDevices(CommandContext &context) {
   context.out.table(rows);
   // A token the store holds but the provider left out is not silently
   // missing from the list.
-  for (const StoreProblem &problem : storeProblems()) {
+  const std::vector<StoreProblem> problems = storeProblems();
+  for (const StoreProblem &problem : problems) {
     context.err << "tembra: warning: token '" << problem.token << "' " << problem.reason
                 << "; the provider does not list it\n";
+  }
+  for (const StoreProblem &missing : tokensMissingFrom(serials)) {
+    bool known = false;
+    for (const StoreProblem &problem : problems) known = known || problem.token == missing.token;
+    if (!known) {
+      context.err << "tembra: warning: token '" << missing.token << "' " << missing.reason << "\n";
+    }
   }
   return 0;
 }

@@ -143,6 +143,29 @@ std::vector<StoreProblem> storeProblems() {
   return problems;
 }
 
+std::vector<StoreProblem> tokensMissingFrom(const std::vector<std::string> &providerSerials) {
+  std::vector<StoreProblem> missing;
+  for (const std::string &name : listedTokens()) {
+    DEVHANDLE device = nullptr;
+    if (SKF_ConnectDev(const_cast<LPSTR>(name.c_str()), &device) != SAR_OK) continue;
+    DEVINFO info;
+    memset(&info, 0, sizeof(info));
+    const bool known = SKF_GetDevInfo(device, &info) == SAR_OK;
+    SKF_DisConnectDev(device);
+    if (!known) continue;
+    const std::string serial(info.SerialNumber,
+                             strnlen(info.SerialNumber, sizeof(info.SerialNumber)));
+    bool listed = false;
+    for (const std::string &other : providerSerials) listed = listed || other == serial;
+    if (!listed) {
+      missing.push_back({name, "(serial " + serial +
+                                   ") is present, but the provider dropped it at discovery "
+                                   "(--trace shows why)"});
+    }
+  }
+  return missing;
+}
+
 std::string problemsText(const std::vector<StoreProblem> &problems) {
   std::string text;
   for (const StoreProblem &problem : problems) {

@@ -26,6 +26,10 @@ struct StoreProblem {
 // Tokens of the store that the token library leaves out or cannot open.
 std::vector<StoreProblem> storeProblems();
 
+// Present tokens, healthy to the token library, whose serial number is none
+// of the provider's devices' (the provider dropped them at discovery).
+std::vector<StoreProblem> tokensMissingFrom(const std::vector<std::string> &providerSerials);
+
 // "token 'a' is corrupt (...); token 'b' is unreadable (...)".
 std::string problemsText(const std::vector<StoreProblem> &problems);
 

@@ -437,6 +437,16 @@ TEST_F(TembraOnToken, CorruptTokenIsReportedAndNeverMistakenForAnother) {
   EXPECT_EQ(tembra({"keys", "--token-label", "other"}).status, 0);
 }
 
+TEST_F(TembraOnToken, TokenTheProviderDroppedIsNamed) {
+  SKFSoft_SetFault("SKF_ConnectDev", SAR_FAIL, 1);
+  Outcome devices = tembra({"devices"});
+  SKFSoft_ClearFaults();
+  EXPECT_EQ(devices.out, "(none)\n");
+  EXPECT_EQ(devices.err.rfind("tembra: warning: token 'tok' (serial TMB", 0), 0u) << devices.err;
+  EXPECT_NE(devices.err.find("is present, but the provider dropped it at discovery"),
+            std::string::npos);
+}
+
 TEST_F(TembraOnToken, ForcedCertificateOfAnotherKeyIsStored) {
   ASSERT_EQ(tembra({"cert", "get", "--label", "S", "--type", "enc", "-o", path("enc.der")}).status,
             0);
