@@ -65,6 +65,8 @@ int runDevices(CommandContext &context) {
                     {"formatted", formatted},
                     {"keypairs", keypairs}});
   }
+  // No device and no store to hold one: say so rather than list nothing.
+  if (rows.empty()) checkTokenStore(tokenStoreDirectory());
   context.out.table(rows);
   // A token the store holds but the provider left out is not silently
   // missing from the list.
