@@ -182,7 +182,7 @@ const std::vector<Command> &allCommands() {
        join({{"label", true, '\0', false, "L: the new token's label (default: NAME)"},
              {"app", true, '\0', false, "NAME: the application's name (default: TembraApp)"},
              {"container", true, '\0', true,
-              "SPEC: NAME:sm2|rsa1024|rsa2048|empty[:noenc][:nocert] (default: "
+              "C: NAME:sm2|rsa1024|rsa2048|empty[:noenc][:nocert] (default: "
               "SM2Container:sm2 and RSAContainer:rsa2048)"},
              {"auth-key", true, '\0', false,
               "HEX32: device authentication key (default: 0102...10)"},
