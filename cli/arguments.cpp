@@ -25,7 +25,22 @@ const OptionDefinition *findAlias(const std::vector<OptionDefinition> &definitio
 
 const std::vector<OptionDefinition> &globalOptions() {
   static const std::vector<OptionDefinition> options = {
-      {"device", true}, {"store", true}, {"json", false}, {"help", false, 'h'}};
+      {"device", true, '\0', false, "N: device N of the provider's device set (default: 0)"},
+      {"token-label", true, '\0', false, "L: the device whose token label is L"},
+      {"serial", true, '\0', false, "S: the device whose serial number is S"},
+      {"store", true, '\0', false,
+       "DIR: software token store (default: $TEMBRA_SOFTSKF_DIR, else "
+       "~/.local/share/tembra/softskf)"},
+      {"module", true, '\0', false,
+       "PATH: load this provider build (default: beside tembra, then the system search)"},
+      {"json", false, '\0', false, "machine-readable output"},
+      {"quiet", false, 'q', false, "no summaries or notes, only results and errors"},
+      {"force", false, '\0', false,
+       "write binary data to a terminal; for cert put, store a certificate of another key"},
+      {"trace", false, '\0', false,
+       "full provider trace log (level 5); the log then records PINs (default: errors only)"},
+      {"version", false, '\0', false, "the version of tembra"},
+      {"help", false, 'h', false, "this help"}};
   return options;
 }
 

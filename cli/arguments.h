@@ -17,6 +17,9 @@ struct OptionDefinition {
   bool takesValue;          // false: a flag
   char alias = '\0';        // one-letter form, or none
   bool repeatable = false;  // may be given more than once
+  // The --help line: "VALUE: what it does (default: ...)"; for a flag just
+  // what it does. The text before the first ": " names the value.
+  std::string help = std::string();
 };
 
 class Arguments {

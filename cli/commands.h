@@ -10,15 +10,18 @@
 
 #include "cli/arguments.h"
 #include "cli/output.h"
+#include "cli/session.h"
 
 namespace tembra {
 namespace cli {
 
 struct CommandContext {
   const Arguments &args;
-  Output &out;
+  Output &out;        // results and summaries; binary results via out.writeResult
   std::ostream &err;  // warnings and notes that must not mix with results
-  int deviceIndex;
+  // The device the global options chose (--device, --token-label, --serial):
+  // hand it to ProviderSession::device as is.
+  DeviceChoice deviceIndex;
 };
 
 struct Command {

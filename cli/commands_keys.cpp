@@ -1,9 +1,14 @@
 // `tembra devices`, `keys`, `pubkey` and `cert`: what the provider sees on
 // the tokens, read through its entry points only.
+#include <string.h>
 #include "cli/commands.h"
 #include "cli/files.h"
 #include "cli/pin_input.h"
 #include "cli/session.h"
+#include "cli/signing.h"
+
+#include "cli/errors.h"
+#include "cli/token_store.h"
 #include "crypto/key_formats.h"
 
 namespace tembra {
@@ -11,7 +16,8 @@ namespace cli {
 namespace {
 
 // Output of DER bytes: to -o (default standard output), as PEM with --pem;
-// with --json the bytes go into the record as hex or PEM text instead.
+// with --json the bytes go into the record as hex or PEM text instead. DER
+// is never written to a terminal without --force; PEM is text.
 void emitDer(CommandContext &context, const Bytes &der, const char *pemLabel,
              const char *jsonField) {
   const bool pem = context.args.has("pem");
@@ -21,13 +27,19 @@ void emitDer(CommandContext &context, const Bytes &der, const char *pemLabel,
         {{jsonField, pem ? crypto::pemArmour(pemLabel, der.data(), der.size()) : hexText(der)}});
     return;
   }
+  size_t written = der.size();
   if (pem) {
     std::string text = crypto::pemArmour(pemLabel, der.data(), der.size());
-    writeFile(path, reinterpret_cast<const uint8_t *>(text.data()), text.size());
+    context.out.writeResult(path, reinterpret_cast<const uint8_t *>(text.data()), text.size(),
+                            true);
+    written = text.size();
   } else {
-    writeFile(path, der);
+    context.out.writeResult(path, der.data(), der.size());
   }
-  if (path != "-") context.out.record({{"written", path}, {"bytes", int64_t(der.size())}});
+  if (path != "-") {
+    context.out.record(
+        {{"written", path}, {"format", pem ? "PEM" : "DER"}, {"bytes", int64_t(written)}});
+  }
 }
 
 }  // namespace
@@ -39,8 +51,10 @@ int runDevices(CommandContext &context) {
   ProviderSession session;
   const ProviderApi &api = session.api();
   std::vector<Record> rows;
+  std::vector<std::string> serials;
   for (int index = 0; index < session.deviceCount(); ++index) {
     SPI_DEVICE_HANDLE device = session.device(index);
+    serials.push_back(deviceSerial(api, device));
     const int keypairs = api.DeviceGetKeypairCount(device);
     int retries = 0;
     const bool formatted =
@@ -51,7 +65,23 @@ int runDevices(CommandContext &context) {
                     {"formatted", formatted},
                     {"keypairs", keypairs}});
   }
+  // No device and no store to hold one: say so rather than list nothing.
+  if (rows.empty()) checkTokenStore(tokenStoreDirectory());
   context.out.table(rows);
+  // A token the store holds but the provider left out is not silently
+  // missing from the list.
+  const std::vector<StoreProblem> problems = storeProblems();
+  for (const StoreProblem &problem : problems) {
+    context.err << "tembra: warning: token '" << problem.token << "' " << problem.reason
+                << "; the provider does not list it\n";
+  }
+  for (const StoreProblem &missing : tokensMissingFrom(serials)) {
+    bool known = false;
+    for (const StoreProblem &problem : problems) known = known || problem.token == missing.token;
+    if (!known) {
+      context.err << "tembra: warning: token '" << missing.token << "' " << missing.reason << "\n";
+    }
+  }
   return 0;
 }
 
@@ -63,7 +93,7 @@ int runKeys(CommandContext &context) {
   const int count = api.DeviceGetKeypairCount(device);
   for (int index = 0; index < count; ++index) {
     KeypairRef keypair(api, api.DeviceGetKeypair(device, index));
-    if (keypair.get() == nullptr) throw CliError("DeviceGetKeypair failed");
+    if (keypair.get() == nullptr) throw CliError("cannot read key pair " + std::to_string(index));
     rows.push_back({{"index", index},
                     {"label", keypairLabel(api, keypair.get())},
                     {"type", keypairTypeText(api.DeviceGetKeypairType(keypair.get()))},
@@ -113,12 +143,19 @@ int runCert(CommandContext &context) {
   SPI_DEVICE_HANDLE device = session.device(context.deviceIndex);
   KeypairRef keypair(api, findKeypair(api, device, type, label));
   if (put) {
+    const Bytes certKey = certificatePublicKey(certificate);
+    if (certKey.empty()) {
+      throw CliError(context.args.value("input") + " is not an X.509 certificate");
+    }
+    if (!samePublicKey(certKey, exportPublicKey(api, keypair.get())) && !context.out.force()) {
+      throw CliError(std::string("the certificate's public key is not that of the ") +
+                     keypairTypeText(type) + " key pair '" + label +
+                     "'; nothing stored (--force stores it all the same)");
+    }
     login(api, device, 1, pin.c_str());
     const int rv =
         api.DeviceUpdateCertificate(keypair.get(), certificate.data(), int(certificate.size()));
-    if (rv != ORVEL_PKI_OK) {
-      throw CliError("DeviceUpdateCertificate failed (" + std::to_string(rv) + ")");
-    }
+    checkProviderResult(rv, "storing the certificate");
     context.out.record({{"label", label},
                         {"type", keypairTypeText(type)},
                         {"stored", int64_t(certificate.size())}});

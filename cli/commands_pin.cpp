@@ -2,6 +2,7 @@
 // long as the process, so `login` merely checks a PIN; commands that need the
 // PIN read it themselves.
 #include "cli/commands.h"
+#include "cli/errors.h"
 #include "cli/pin_input.h"
 #include "cli/session.h"
 
@@ -29,19 +30,34 @@ SecretText pinFromOptions(CommandContext &context, const std::string &prefix,
   return pin;
 }
 
-// Results shared by change and unblock: 1 ok, -5 wrong PIN (for unblock:
-// the administrator PIN is locked), -19 length out of range.
-void checkPinChange(int rv, int retries, const char *what) {
-  switch (rv) {
-    case ORVEL_PKI_OK:
-      return;
-    case ORVEL_PKI_WRONGPIN:
-      throw CliError(std::string(what) + " refused: wrong or locked PIN, " +
-                     std::to_string(retries) + " tries left");
-    case ORVEL_PKI_PINLENRANGE:
-      throw CliError(std::string(what) + " refused: PIN length out of range");
+SecretText newPinFromOptions(CommandContext &context, const std::string &prompt) {
+  SecretText pin;
+  std::string error;
+  if (!readNewPin(context.args, "new-", prompt, context.err, pin, &error)) throw UsageError(error);
+  return pin;
+}
+
+// The tries left of a PIN, or -1 when the token does not say.
+int triesLeft(const ProviderApi &api, SPI_DEVICE_HANDLE device, int type) {
+  int tries = -1;
+  return api.DeviceGetPwdRetryNum(device, type, &tries) == ORVEL_PKI_OK ? tries : -1;
+}
+
+// Results shared by change and unblock: 1 ok, -19 length out of range, and
+// for a wrong or locked PIN -5 or 0 depending on the call (DeviceUnlockPwd
+// answers 0 for a wrong administrator PIN and -5 for a locked one). The
+// tries left of the checked PIN, before and after, tell them apart.
+void checkPinChange(const ProviderApi &api, SPI_DEVICE_HANDLE device, int rv, int before,
+                    int checkedType, const char *what) {
+  if (rv == ORVEL_PKI_OK) return;
+  if (rv == ORVEL_PKI_PINLENRANGE) {
+    throw CliError(std::string(what) + " refused: PIN length out of range " + pinLengthText());
   }
-  throw CliError(std::string(what) + " failed (" + std::to_string(rv) + ")");
+  const int after = triesLeft(api, device, checkedType);
+  if (after == 0 || (before > after && after > 0) || rv == ORVEL_PKI_WRONGPIN) {
+    throw CliError(std::string(what) + " refused: " + wrongPinText(checkedType, after));
+  }
+  throw CliError(std::string(what) + " failed: " + providerResultText(rv));
 }
 
 }  // namespace
@@ -58,24 +74,28 @@ int runLogin(CommandContext &context) {
 int runPasswd(CommandContext &context) {
   const int type = pinTypeOption(context.args);
   SecretText oldPin = pinFromOptions(context, "", "Current PIN");
-  SecretText newPin = pinFromOptions(context, "new-", "New PIN");
+  SecretText newPin = newPinFromOptions(context, "New PIN");
   ProviderSession session;
+  SPI_DEVICE_HANDLE device = session.device(context.deviceIndex);
+  const int before = triesLeft(session.api(), device, type);
   int retries = -1;
-  const int rv = session.api().DeviceChangePwd(session.device(context.deviceIndex), type,
-                                               oldPin.c_str(), newPin.c_str(), &retries);
-  checkPinChange(rv, retries, "PIN change");
+  const int rv =
+      session.api().DeviceChangePwd(device, type, oldPin.c_str(), newPin.c_str(), &retries);
+  checkPinChange(session.api(), device, rv, before, type, "PIN change");
   context.out.record({{"pin", pinTypeText(type)}, {"changed", true}});
   return 0;
 }
 
 int runUnblock(CommandContext &context) {
   SecretText adminPin = pinFromOptions(context, "admin-", "Administrator PIN");
-  SecretText newPin = pinFromOptions(context, "new-", "New user PIN");
+  SecretText newPin = newPinFromOptions(context, "New user PIN");
   ProviderSession session;
+  SPI_DEVICE_HANDLE device = session.device(context.deviceIndex);
+  const int before = triesLeft(session.api(), device, 2);
   int retries = -1;
-  const int rv = session.api().DeviceUnlockPwd(session.device(context.deviceIndex), 1,
-                                               adminPin.c_str(), newPin.c_str(), &retries);
-  checkPinChange(rv, retries, "unblock");
+  const int rv =
+      session.api().DeviceUnlockPwd(device, 1, adminPin.c_str(), newPin.c_str(), &retries);
+  checkPinChange(session.api(), device, rv, before, 2, "unblock");
   context.out.record({{"pin", "user"}, {"unblocked", true}});
   return 0;
 }
@@ -89,7 +109,7 @@ int runPinInfo(CommandContext &context) {
     int retries = -1;
     const int rv = api.DeviceGetPwdRetryNum(device, type, &retries);
     if (rv != ORVEL_PKI_OK) {
-      throw CliError("DeviceGetPwdRetryNum failed (" + std::to_string(rv) +
+      throw CliError("cannot read the PIN tries left (" + providerResultText(rv) +
                      "); is the token formatted?");
     }
     rows.push_back({{"pin", pinTypeText(type)}, {"tries_left", retries}, {"locked", retries == 0}});

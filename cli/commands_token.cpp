@@ -5,8 +5,11 @@
 #include <string.h>
 
 #include "cli/commands.h"
+#include "cli/errors.h"
 #include "cli/pin_input.h"
 #include "cli/session.h"
+#include "cli/terminal.h"
+#include "cli/token_store.h"
 #include "crypto/backend.h"
 #include "platform/secure_zero.h"
 #include "softskf/include/softskf.h"
@@ -91,18 +94,25 @@ std::string randomSerial() {
   return "TMB" + hexText(bytes, sizeof(bytes));
 }
 
-// A PIN from its options, or the default when none is given, written
-// straight into target so that no other copy is left.
-void pinOrDefault(CommandContext &context, const std::string &prefix, const char *prompt,
-                  std::string &target, bool &usedDefault) {
-  if (!pinGiven(context.args, prefix)) {
+// A new token's PIN: from its options, typed twice on the terminal, or the
+// default only when --default-pins asks for it; written straight into
+// target so that no other copy is left.
+void newTokenPin(CommandContext &context, const std::string &prefix, const char *prompt,
+                 std::string &target, bool &usedDefault) {
+  const bool given = pinGiven(context.args, prefix);
+  if (!given && context.args.has("default-pins")) {
     usedDefault = true;
     target = kDefaultPin;
     return;
   }
+  if (!given && !stdinIsTerminal()) {
+    throw UsageError(std::string("no ") + (prefix == "user-" ? "user" : "administrator") +
+                     " PIN given: use --" + prefix + "pin-file or --" + prefix +
+                     "pin-env, run on a terminal, or add --default-pins");
+  }
   SecretText pin;
   std::string error;
-  if (!readPin(context.args, prefix, prompt, context.err, pin, &error)) throw UsageError(error);
+  if (!readNewPin(context.args, prefix, prompt, context.err, pin, &error)) throw UsageError(error);
   target.assign(pin.c_str());
 }
 
@@ -126,14 +136,12 @@ class PlanPinWiper {
 // The device names of a NUL-separated SKF name list.
 std::vector<std::string> nameList(bool presentOnly) {
   ULONG size = 0;
-  if (SKF_EnumDev(presentOnly ? TRUE : FALSE, nullptr, &size) != SAR_OK) {
-    throw CliError("SKF_EnumDev failed");
-  }
+  ULONG rv = SKF_EnumDev(presentOnly ? TRUE : FALSE, nullptr, &size);
+  if (rv != SAR_OK) throw CliError("cannot list the tokens: " + tokenResultText(rv));
   std::vector<char> buffer(size_t(size) + 2, '\0');
   size = ULONG(buffer.size());
-  if (SKF_EnumDev(presentOnly ? TRUE : FALSE, buffer.data(), &size) != SAR_OK) {
-    throw CliError("SKF_EnumDev failed");
-  }
+  rv = SKF_EnumDev(presentOnly ? TRUE : FALSE, buffer.data(), &size);
+  if (rv != SAR_OK) throw CliError("cannot list the tokens: " + tokenResultText(rv));
   std::vector<std::string> names;
   for (size_t offset = 0; offset < buffer.size() && buffer[offset] != '\0';) {
     names.emplace_back(buffer.data() + offset);
@@ -167,13 +175,19 @@ int tokenCreate(CommandContext &context, const std::string &name) {
     }
     for (const std::string &text : containers) {
       application.containers.push_back(containerFromText(text));
+      for (size_t i = 0; i + 1 < application.containers.size(); ++i) {
+        if (application.containers[i].name == application.containers.back().name) {
+          throw UsageError("container name '" + application.containers.back().name +
+                           "' given twice");
+        }
+      }
     }
     plan.applications.push_back(application);
     provision::ApplicationSpec &made = plan.applications.back();
     bool defaultUser = false;
     bool defaultAdmin = false;
-    pinOrDefault(context, "user-", "New user PIN", made.userPin, defaultUser);
-    pinOrDefault(context, "admin-", "New administrator PIN", made.adminPin, defaultAdmin);
+    newTokenPin(context, "user-", "New user PIN", made.userPin, defaultUser);
+    newTokenPin(context, "admin-", "New administrator PIN", made.adminPin, defaultAdmin);
     if (defaultUser || defaultAdmin) {
       const bool both = defaultUser && defaultAdmin;
       defaultPinNote = std::string("tembra: note: default ") + (both ? "PINs " : "PIN ") +
@@ -183,10 +197,18 @@ int tokenCreate(CommandContext &context, const std::string &name) {
                                       : "administrator");
     }
   }
+  for (const std::string &existing : nameList(false)) {
+    if (existing == name) throw CliError("token '" + name + "' already exists");
+  }
   std::string error;
   const ULONG rv = provision::provisionDevice(plan, &error);
-  if (rv == SAR_FILE_ALREADY_EXIST) throw CliError("token '" + name + "' already exists");
-  if (rv != SAR_OK) throw CliError("cannot create token '" + name + "': " + error);
+  if (rv != SAR_OK) {
+    // "<step> failed: 0x0A000008" with the code put in words.
+    const size_t code = error.rfind(" failed: ");
+    if (code != std::string::npos) error.resize(code);
+    throw CliError("cannot create token '" + name + "': " + (error.empty() ? "" : error + ": ") +
+                   tokenResultText(rv));
+  }
   if (!defaultPinNote.empty()) context.err << defaultPinNote << "\n";
   context.out.record({{"token", name},
                       {"label", plan.label},
@@ -197,7 +219,25 @@ int tokenCreate(CommandContext &context, const std::string &name) {
 
 int tokenList(CommandContext &context) {
   const std::vector<std::string> present = nameList(true);
+  const std::vector<StoreProblem> problems = storeProblems();
+  auto statusOf = [&](const std::string &name) -> std::string {
+    for (const StoreProblem &problem : problems) {
+      if (problem.token == name) return problem.reason;
+    }
+    return "ok";
+  };
   std::vector<Record> rows;
+  for (const StoreProblem &problem : problems) {
+    bool listed = false;
+    for (const std::string &name : nameList(false)) listed = listed || name == problem.token;
+    if (listed) continue;
+    rows.push_back({{"token", problem.token},
+                    {"present", false},
+                    {"label", "-"},
+                    {"serial", "-"},
+                    {"applications", "-"},
+                    {"status", problem.reason}});
+  }
   for (const std::string &name : nameList(false)) {
     bool isPresent = false;
     for (const std::string &other : present) isPresent = isPresent || other == name;
@@ -227,7 +267,8 @@ int tokenList(CommandContext &context) {
                     {"present", isPresent},
                     {"label", label},
                     {"serial", serial},
-                    {"applications", applications}});
+                    {"applications", applications},
+                    {"status", statusOf(name)}});
   }
   context.out.table(rows);
   return 0;
@@ -252,10 +293,10 @@ int runToken(CommandContext &context) {
   ULONG rv = action == "remove" ? SKFSoft_RemoveDevice(name.c_str())
                                 : SKFSoft_SetPresent(name.c_str(), action == "plug" ? TRUE : FALSE);
   if (rv != SAR_OK) {
-    char code[16];
-    snprintf(code, sizeof(code), "0x%08X", static_cast<unsigned>(rv));
-    throw CliError("token " + action + " '" + name +
-                   "' failed: " + (rv == SAR_FILE_NOT_EXIST ? std::string("no such token") : code));
+    throw CliError("token " + action + " '" + name + "' failed: " +
+                   (rv == SAR_FILE_NOT_EXIST || rv == SAR_INVALIDPARAMERR
+                        ? std::string("no such token (see tembra token list)")
+                        : tokenResultText(rv)));
   }
   context.out.record({{"token", name}, {"done", action}});
   return 0;

@@ -1,7 +1,11 @@
 #include "cli/files.h"
 
+#include <errno.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
 
 #ifdef _WIN32
 #include <fcntl.h>
@@ -11,6 +15,7 @@
 #endif
 
 #include "cli/session.h"
+#include "cli/terminal.h"
 #include "crypto/key_formats.h"
 
 namespace tembra {
@@ -27,28 +32,89 @@ FILE *binaryStream(FILE *stream) {
 
 }  // namespace
 
-std::vector<uint8_t> readFile(const std::string &path) {
-  const bool useStdin = path == "-";
-  FILE *file = useStdin ? binaryStream(stdin) : fopen(path.c_str(), "rb");
-  if (file == nullptr) throw CliError("cannot open " + path);
-  std::vector<uint8_t> data;
-  uint8_t chunk[4096];
+std::string fileError(const std::string &action, const std::string &path, int errorNumber) {
+  const std::string name = path == "-" ? std::string("standard input") : path;
+  if (errorNumber == EISDIR) return name + ": is a directory";
+  return action + " " + name + ": " + strerror(errorNumber);
+}
+
+InputFile::InputFile(const std::string &path) : m_path(path) {
+  if (path == "-") {
+    m_file = binaryStream(stdin);
+    return;
+  }
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) throw CliError(fileError("cannot open", path, errno));
+  if (S_ISDIR(status.st_mode)) throw CliError(fileError("cannot open", path, EISDIR));
+  m_file = fopen(path.c_str(), "rb");
+  if (m_file == nullptr) throw CliError(fileError("cannot open", path, errno));
+  m_owned = true;
+  if (S_ISREG(status.st_mode)) m_size = uint64_t(status.st_size);
+}
+
+InputFile::~InputFile() {
+  if (m_owned) fclose(m_file);
+}
+
+size_t InputFile::read(uint8_t *buffer, size_t len) {
+  const size_t got = fread(buffer, 1, len, m_file);
+  if (got == 0 && ferror(m_file) != 0) throw CliError(fileError("cannot read", m_path, errno));
+  return got;
+}
+
+void readInPieces(const std::string &path, const std::string &what,
+                  const std::function<void(const uint8_t *, size_t)> &consume) {
+  InputFile input(path);
+  readInPieces(input, what, consume);
+}
+
+void readInPieces(InputFile &input, const std::string &what,
+                  const std::function<void(const uint8_t *, size_t)> &consume) {
+  ProgressBar progress(what, input.size());
+  std::vector<uint8_t> piece(kInputPieceSize);
   size_t got;
-  while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0)
+  while ((got = input.read(piece.data(), piece.size())) > 0) {
+    consume(piece.data(), got);
+    progress.advance(got);
+  }
+}
+
+std::vector<uint8_t> readFile(const std::string &path) {
+  return readFile(path, SIZE_MAX, std::string());
+}
+
+std::vector<uint8_t> readFile(const std::string &path, size_t limit, const std::string &why) {
+  InputFile input(path);
+  auto tooLarge = [&]() {
+    return CliError((path == "-" ? std::string("standard input") : path) + " is larger than " +
+                    std::to_string(limit) + " bytes: " + why);
+  };
+  if (input.size() > limit) throw tooLarge();
+  std::vector<uint8_t> data;
+  uint8_t chunk[65536];
+  size_t got;
+  while ((got = input.read(chunk, sizeof(chunk))) > 0) {
+    if (got > limit - data.size()) throw tooLarge();
     data.insert(data.end(), chunk, chunk + got);
-  const bool failed = ferror(file) != 0;
-  if (!useStdin) fclose(file);
-  if (failed) throw CliError("cannot read " + path);
+  }
   return data;
 }
 
 void writeFile(const std::string &path, const uint8_t *data, size_t len) {
   const bool useStdout = path == "-";
   FILE *file = useStdout ? binaryStream(stdout) : fopen(path.c_str(), "wb");
-  if (file == nullptr) throw CliError("cannot create " + path);
+  if (file == nullptr) {
+    const int reason = errno;
+    struct stat status;
+    throw CliError(
+        fileError("cannot create", path,
+                  stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) ? EISDIR : reason));
+  }
   bool ok = len == 0 || fwrite(data, 1, len, file) == len;
-  ok = (useStdout ? fflush(file) : fclose(file)) == 0 && ok;
-  if (!ok) throw CliError("cannot write " + path);
+  int reason = ok ? 0 : errno;
+  const bool closed = (useStdout ? fflush(file) : fclose(file)) == 0;
+  if (ok && !closed) reason = errno;
+  if (!ok || !closed) throw CliError(fileError("cannot write", path, reason != 0 ? reason : EIO));
 }
 
 std::vector<uint8_t> derFromDerOrPem(const std::vector<uint8_t> &bytes, const char *label,
@@ -59,6 +125,11 @@ std::vector<uint8_t> derFromDerOrPem(const std::vector<uint8_t> &bytes, const ch
     throw CliError(path + " holds neither DER nor PEM \"" + label + "\"");
   }
   return der;
+}
+
+void binaryStandardOutput() {
+  fflush(stdout);
+  binaryStream(stdout);
 }
 
 void setEnvironment(const std::string &name, const std::string &value) {

@@ -3,6 +3,10 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <iostream>
+
+#include "cli/files.h"
+#include "cli/session.h"
 
 namespace tembra {
 namespace cli {
@@ -76,30 +80,57 @@ std::string jsonObject(const Record &fields) {
 
 }  // namespace
 
+void Output::writeResult(const std::string &path, const uint8_t *data, size_t len, bool printable) {
+  if (!path.empty() && path != "-") {
+    writeFile(path, data, len);
+    return;
+  }
+  if (!printable && m_settings.stdoutIsTerminal && !m_settings.force) {
+    throw CliError(
+        "refusing to write binary data to the terminal: name a file with -o, pipe the output, "
+        "or add --force");
+  }
+  if (&m_out == &std::cout) {
+    m_out.flush();
+    binaryStandardOutput();
+  }
+  m_out.write(reinterpret_cast<const char *>(data), std::streamsize(len));
+  m_out.flush();
+  if (!m_out) throw CliError("cannot write to standard output");
+  m_resultOnStdout = true;
+}
+
+std::string triesLeftText(int tries) {
+  return std::to_string(tries) + (tries == 1 ? " try left" : " tries left");
+}
+
 void Output::record(const Record &fields) {
-  if (m_json) {
-    m_out << jsonObject(fields) << "\n";
+  if (m_settings.quiet) return;
+  std::ostream &stream = summaries();
+  if (m_settings.json) {
+    stream << jsonObject(fields) << "\n";
     return;
   }
   size_t width = 0;
   for (const auto &field : fields) width = std::max(width, field.first.size());
   for (const auto &field : fields) {
-    m_out << field.first << ":" << std::string(width - field.first.size() + 1, ' ')
-          << field.second.text() << "\n";
+    stream << field.first << ":" << std::string(width - field.first.size() + 1, ' ')
+           << field.second.text() << "\n";
   }
 }
 
 void Output::table(const std::vector<Record> &rows) {
-  if (m_json) {
-    m_out << "[";
+  std::ostream &stream = summaries();
+  if (m_settings.json) {
+    stream << "[";
     for (size_t i = 0; i < rows.size(); ++i) {
-      m_out << (i > 0 ? ",\n " : "") << jsonObject(rows[i]);
+      stream << (i > 0 ? ",\n " : "") << jsonObject(rows[i]);
     }
-    m_out << "]\n";
+    stream << "]\n";
     return;
   }
   if (rows.empty()) {
-    m_out << "(none)\n";
+    stream << "(none)\n";
     return;
   }
   const Record &header = rows.front();
@@ -116,7 +147,7 @@ void Output::table(const std::vector<Record> &rows) {
       line += cells[c];
       if (c + 1 < cells.size()) line += std::string(widths[c] - cells[c].size() + 2, ' ');
     }
-    m_out << line << "\n";
+    stream << line << "\n";
   };
   std::vector<std::string> names;
   for (const auto &field : header) names.push_back(field.first);
@@ -131,7 +162,7 @@ void Output::table(const std::vector<Record> &rows) {
 }
 
 void Output::note(const std::string &line) {
-  if (!m_json) m_out << line << "\n";
+  if (!m_settings.json && !m_settings.quiet) summaries() << line << "\n";
 }
 
 }  // namespace cli

@@ -1,6 +1,9 @@
 // Results of `tembra` commands as text for people or JSON for programs
 // (--json). A command describes its result as records of named fields; the
-// Output decides how they look.
+// Output decides how they look and where they go. Binary results (a
+// signature, a ciphertext, a DER key) go through writeResult: to a file, or to
+// standard output when no file or "-" is named; the human summary then moves
+// to standard error so that a pipeline gets the bytes alone.
 #ifndef TEMBRA_CLI_OUTPUT_H
 #define TEMBRA_CLI_OUTPUT_H
 
@@ -38,23 +41,53 @@ using Record = std::vector<std::pair<std::string, Value>>;
 // escaped; other bytes passed through as UTF-8).
 std::string jsonString(const std::string &text);
 
+// How the Output routes: the two standard streams, whether standard output
+// is a terminal, and the global flags --json, --quiet and --force.
+struct OutputSettings {
+  bool json = false;
+  bool quiet = false;  // no summaries, no notes
+  bool force = false;  // binary to a terminal all the same
+  bool stdoutIsTerminal = false;
+};
+
 class Output {
  public:
-  Output(std::ostream &out, bool json) : m_out(out), m_json(json) {}
-  bool json() const { return m_json; }
+  Output(std::ostream &out, bool json) : m_out(out), m_err(out) { m_settings.json = json; }
+  Output(std::ostream &out, std::ostream &err, const OutputSettings &settings)
+      : m_out(out), m_err(err), m_settings(settings) {}
+  bool json() const { return m_settings.json; }
+  bool force() const { return m_settings.force; }
 
-  // One result: "name: value" lines, or one JSON object.
+  // Writes a command's result bytes to path, or to standard output when path
+  // is empty or "-". Binary bytes (printable false) are refused on a
+  // terminal unless --force; once anything goes to standard output, every
+  // later record and note goes to standard error. Throws CliError with the
+  // OS reason when the file cannot be written.
+  void writeResult(const std::string &path, const uint8_t *data, size_t len,
+                   bool printable = false);
+  // True once writeResult has written to standard output.
+  bool resultOnStdout() const { return m_resultOnStdout; }
+
+  // One result: "name: value" lines, or one JSON object; a summary, so
+  // nothing with --quiet.
   void record(const Record &fields);
   // Several results of the same shape: an aligned table with a header, or
   // a JSON array of objects (an empty list prints "(none)" or []).
   void table(const std::vector<Record> &rows);
-  // A line for people (progress, notes); nothing in JSON mode.
+  // A line for people (progress, notes); nothing in JSON mode or with --quiet.
   void note(const std::string &line);
 
  private:
+  std::ostream &summaries() { return m_resultOnStdout ? m_err : m_out; }
+
   std::ostream &m_out;
-  bool m_json;
+  std::ostream &m_err;
+  OutputSettings m_settings;
+  bool m_resultOnStdout = false;
 };
+
+// "1 try left", "3 tries left".
+std::string triesLeftText(int tries);
 
 }  // namespace cli
 }  // namespace tembra

@@ -1,5 +1,6 @@
 #include "cli/pin_input.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,6 +14,9 @@
 #include <unistd.h>
 #endif
 
+#include "cli/errors.h"
+#include "cli/files.h"
+#include "cli/terminal.h"
 #include "platform/secure_zero.h"
 
 namespace tembra {
@@ -40,31 +44,25 @@ void SecretText::push_back(char c) {
 
 namespace {
 
-// A PIN ends at the first line end; a file's trailing newline is not part of it.
+// A PIN ends at the first line end; a file's trailing newline is not part of
+// it. "-" is standard input, of which only that first line is read.
 bool readPinFile(const std::string &path, SecretText &pin, std::string *error) {
-  FILE *file = fopen(path.c_str(), "rb");
+  const bool useStdin = path == "-";
+  FILE *file = useStdin ? stdin : fopen(path.c_str(), "rb");
   if (file == nullptr) {
-    *error = "cannot read PIN file " + path;
+    *error = fileError("cannot read PIN file", path, errno);
     return false;
   }
   SecretText text;
   int c;
   while ((c = fgetc(file)) != EOF && c != '\n' && c != '\r') text.push_back(char(c));
-  fclose(file);
+  if (!useStdin) fclose(file);
   if (text.empty()) {
-    *error = "PIN file " + path + " is empty";
+    *error = useStdin ? std::string("no PIN on standard input") : "PIN file " + path + " is empty";
     return false;
   }
   pin = SecretText(text.c_str());
   return true;
-}
-
-bool stdinIsTerminal() {
-#ifdef _WIN32
-  return _isatty(_fileno(stdin)) != 0;
-#else
-  return isatty(STDIN_FILENO) != 0;
-#endif
 }
 
 // Echo is switched off while the PIN is typed and restored afterwards.
@@ -105,11 +103,13 @@ class EchoOff {
 };
 
 bool promptPin(const std::string &prompt, SecretText &pin, std::string *error) {
-  fprintf(stderr, "%s: ", prompt.c_str());
-  fflush(stderr);
   SecretText text;
   {
+    // Echo goes off before the prompt shows, so nothing typed after it is
+    // ever echoed.
     EchoOff quiet;
+    fprintf(stderr, "%s: ", prompt.c_str());
+    fflush(stderr);
     int c;
     while ((c = fgetc(stdin)) != EOF && c != '\n' && c != '\r') text.push_back(char(c));
   }
@@ -125,8 +125,13 @@ bool promptPin(const std::string &prompt, SecretText &pin, std::string *error) {
 }  // namespace
 
 std::vector<OptionDefinition> pinOptions(const std::string &prefix) {
-  return {
-      {prefix + "pin-file", true}, {prefix + "pin-env", true}, {prefix + "pin-insecure-arg", true}};
+  const std::string which =
+      prefix.empty() ? "the PIN" : "the " + prefix.substr(0, prefix.size() - 1) + " PIN";
+  return {{prefix + "pin-file", true, '\0', false,
+           "F: read " + which + " from the first line of file F (- for standard input)"},
+          {prefix + "pin-env", true, '\0', false, "VAR: take " + which + " from variable VAR"},
+          {prefix + "pin-insecure-arg", true, '\0', false,
+           "PIN: " + which + " itself (visible to other users; avoid)"}};
 }
 
 bool pinGiven(const Arguments &args, const std::string &prefix) {
@@ -169,6 +174,24 @@ bool readPin(const Arguments &args, const std::string &prefix, const std::string
     return false;
   }
   return promptPin(prompt, pin, error);
+}
+
+bool readNewPin(const Arguments &args, const std::string &prefix, const std::string &prompt,
+                std::ostream &warnings, SecretText &pin, std::string *error) {
+  const bool prompted = !pinGiven(args, prefix);
+  if (!readPin(args, prefix, prompt, warnings, pin, error)) return false;
+  if (pin.size() < size_t(kMinPinLength) || pin.size() > size_t(kMaxPinLength)) {
+    *error = prompt + ": PIN length out of range " + pinLengthText();
+    return false;
+  }
+  if (!prompted) return true;
+  SecretText again;
+  if (!promptPin(prompt + " again", again, error)) return false;
+  if (strcmp(again.c_str(), pin.c_str()) != 0) {
+    *error = "the two PINs typed differ; nothing was changed";
+    return false;
+  }
+  return true;
 }
 
 }  // namespace cli

@@ -41,13 +41,20 @@ class SecretText {
 // --pin-env, --pin-insecure-arg; "admin-" gives --admin-pin-file ...).
 std::vector<OptionDefinition> pinOptions(const std::string &prefix);
 
-// Reads the PIN that the options with this prefix name, else prompts on the
-// terminal (without echo) when standard input is one. False with a one-line
+// Reads the PIN that the options with this prefix name ("--pin-file -" reads
+// standard input), else prompts on the terminal (without echo) when standard
+// input is one. False with a one-line
 // *error when no source is given and there is no terminal, when the file or
 // variable is missing or empty. A PIN from --...-pin-insecure-arg draws a
 // warning on warnings.
 bool readPin(const Arguments &args, const std::string &prefix, const std::string &prompt,
              std::ostream &warnings, SecretText &pin, std::string *error);
+
+// A new PIN: as readPin, its length checked against the tokens' range, and
+// when typed on the terminal asked a second time and compared, so that a
+// typo never sets an unknown PIN.
+bool readNewPin(const Arguments &args, const std::string &prefix, const std::string &prompt,
+                std::ostream &warnings, SecretText &pin, std::string *error);
 
 // True if any PIN option of this prefix was given.
 bool pinGiven(const Arguments &args, const std::string &prefix);

@@ -41,7 +41,16 @@ void closeLibrary(void *module) {
 }
 #endif
 
+std::string &moduleOverride() {
+  static std::string path;
+  return path;
+}
+
 }  // namespace
+
+void setProviderModule(const std::string &path) {
+  moduleOverride() = path;
+}
 
 const char *providerLibraryName() {
 #ifdef _WIN32
@@ -83,9 +92,18 @@ bool ProviderLibrary::load(std::string *error) {
   unload();
   const std::string name = providerLibraryName();
   std::string reason;
-  const std::string beside = executableDirectory() + name;
-  m_module = openLibrary(beside, &reason);
-  m_path = beside;
+  if (!moduleOverride().empty()) {
+    m_path = moduleOverride();
+    m_module = openLibrary(m_path, &reason);
+    if (m_module == nullptr) {
+      if (error != nullptr) *error = "cannot load " + m_path + ": " + reason;
+      return false;
+    }
+  } else {
+    const std::string beside = executableDirectory() + name;
+    m_module = openLibrary(beside, &reason);
+    m_path = beside;
+  }
   if (m_module == nullptr) {
     m_module = openLibrary(name, &reason);
     m_path = name;

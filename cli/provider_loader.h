@@ -60,6 +60,10 @@ struct ProviderApi {
 // The file name of the provider on this platform.
 const char *providerLibraryName();
 
+// Loads the provider from path instead of the usual places (--module PATH,
+// as other token tools take it); empty restores the default.
+void setProviderModule(const std::string &path);
+
 // Owns the loaded library; unloads it on destruction. The caller ends the
 // provider (DeviceEnd) before that.
 class ProviderLibrary {

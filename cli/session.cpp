@@ -1,5 +1,8 @@
 #include "cli/session.h"
 
+#include "cli/errors.h"
+#include "cli/token_store.h"
+
 namespace tembra {
 namespace cli {
 
@@ -32,6 +35,49 @@ int ProviderSession::deviceCount() {
 }
 
 SPI_DEVICE_HANDLE ProviderSession::device(int index) {
+  return deviceAt(index);
+}
+
+SPI_DEVICE_HANDLE ProviderSession::device(const DeviceChoice &choice) {
+  discover();
+  const std::vector<StoreProblem> problems = storeProblems();
+  const std::string aside =
+      problems.empty() ? std::string() : " (the store also holds: " + problemsText(problems) + ")";
+  if (!choice.byIdentity()) {
+    if (!problems.empty()) {
+      throw CliError(problemsText(problems) +
+                     "; device numbers may have moved: choose the device with --token-label or "
+                     "--serial");
+    }
+    return deviceAt(choice.index);
+  }
+  std::vector<int> matches;
+  for (int index = 0; index < int(m_devices.size()); ++index) {
+    SPI_DEVICE_HANDLE candidate = deviceAt(index);
+    if (!choice.label.empty() && deviceLabel(api(), candidate) != choice.label) continue;
+    if (!choice.serial.empty() && deviceSerial(api(), candidate) != choice.serial) continue;
+    matches.push_back(index);
+  }
+  std::string wanted = choice.label.empty() ? std::string() : "label '" + choice.label + "'";
+  if (!choice.serial.empty()) {
+    wanted += (wanted.empty() ? "" : " and ") + ("serial '" + choice.serial + "'");
+  }
+  if (matches.empty()) throw CliError("no device with " + wanted + aside);
+  if (choice.indexGiven) {
+    for (int index : matches) {
+      if (index == choice.index) return deviceAt(index);
+    }
+    throw CliError("device " + std::to_string(choice.index) + " does not have " + wanted);
+  }
+  if (matches.size() > 1) {
+    std::string list;
+    for (int index : matches) list += (list.empty() ? "" : ", ") + std::to_string(index);
+    throw CliError("devices " + list + " all have " + wanted + ": add --device N");
+  }
+  return deviceAt(matches.front());
+}
+
+SPI_DEVICE_HANDLE ProviderSession::deviceAt(int index) {
   discover();
   if (index < 0 || size_t(index) >= m_devices.size()) {
     if (m_devices.empty()) throw CliError("no device found");
@@ -119,7 +165,7 @@ Bytes exportPublicKey(const ProviderApi &api, SPI_KEYPAIR_HANDLE keypair) {
   }
   api.DeviceFreePublicKey(publicKey);
   if (rv != ORVEL_PKI_OK || der.empty()) {
-    throw CliError("DeviceExportPublicKey failed (" + std::to_string(rv) + ")");
+    throw CliError("cannot export the public key: " + providerResultText(rv));
   }
   der.resize(size_t(len));
   return der;
@@ -144,16 +190,15 @@ void login(const ProviderApi &api, SPI_DEVICE_HANDLE device, int pinType, const 
     case ORVEL_PKI_OK:
       return;
     case ORVEL_PKI_WRONGPIN:
-      throw CliError(std::string("wrong ") + which + ", " + std::to_string(retries) +
-                     " tries left");
+      throw CliError(wrongPinText(pinType, retries));
     case ORVEL_PKI_PINLENRANGE:
-      throw CliError(std::string(which) + " length out of range");
+      throw CliError(std::string(which) + " length out of range " + pinLengthText());
   }
   int remaining = -1;
   if (api.DeviceGetPwdRetryNum(device, pinType, &remaining) == ORVEL_PKI_OK && remaining == 0) {
-    throw CliError(std::string(which) + " is locked");
+    throw CliError(wrongPinText(pinType, 0));
   }
-  throw CliError("login failed (" + std::to_string(rv) + ")");
+  throw CliError("login failed: " + providerResultText(rv));
 }
 
 std::string hexText(const uint8_t *data, size_t len) {

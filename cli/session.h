@@ -30,6 +30,22 @@ class UsageError : public CliError {
 
 using Bytes = std::vector<uint8_t>;
 
+// The device a command acts on: by index in the provider's device set
+// (--device N, default 0) or by identity (--token-label L, --serial S).
+// An index is refused while the store holds a token the provider left out,
+// since the numbers after it have moved; an identity never names another
+// token.
+struct DeviceChoice {
+  int index = 0;
+  bool indexGiven = false;
+  std::string label;
+  std::string serial;
+  // Converts from a plain index, as the device-listing loops use.
+  DeviceChoice() = default;
+  DeviceChoice(int deviceIndex) : index(deviceIndex), indexGiven(true) {}  // NOLINT
+  bool byIdentity() const { return !label.empty() || !serial.empty(); }
+};
+
 class ProviderSession {
  public:
   // Loads the provider and calls DeviceInit; throws CliError on failure.
@@ -43,9 +59,13 @@ class ProviderSession {
   int deviceCount();
   // The device at index, owned by the session; throws if there is none.
   SPI_DEVICE_HANDLE device(int index);
+  // The chosen device (see DeviceChoice); throws a one-line CliError naming
+  // what did not match, and any token of the store the provider left out.
+  SPI_DEVICE_HANDLE device(const DeviceChoice &choice);
 
  private:
   void discover();
+  SPI_DEVICE_HANDLE deviceAt(int index);
 
   ProviderLibrary m_library;
   bool m_started = false;
@@ -91,7 +111,7 @@ Bytes exportPublicKey(const ProviderApi &api, SPI_KEYPAIR_HANDLE keypair);
 SPI_KEYPAIR_HANDLE findKeypair(const ProviderApi &api, SPI_DEVICE_HANDLE device, int type,
                                const std::string &label);
 // Logs in with DeviceVerifyPwd (pinType 1 user, 2 administrator); throws
-// with the remaining tries on a wrong PIN.
+// with the remaining tries on a wrong PIN, or how to unblock a locked one.
 void login(const ProviderApi &api, SPI_DEVICE_HANDLE device, int pinType, const char *pin);
 
 // Hex text of bytes (lower case).

@@ -1,11 +1,17 @@
 // The `tembra` command table and the program itself: global options, the
 // dispatch to one command, --help, and the one-line error report.
+#include <stdlib.h>
+
 #include <exception>
+#include <iostream>
 
 #include "cli/commands.h"
 #include "cli/files.h"
+#include "cli/help.h"
 #include "cli/pin_input.h"
 #include "cli/session.h"
+#include "cli/terminal.h"
+#include "cli/token_store.h"
 
 namespace tembra {
 namespace cli {
@@ -19,40 +25,19 @@ std::vector<OptionDefinition> join(std::vector<OptionDefinition> first,
   return first;
 }
 
-const OptionDefinition kLabel = {"label", true};
-const OptionDefinition kType = {"type", true};
-const OptionDefinition kInput = {"input", true, 'i'};
-const OptionDefinition kOutput = {"output", true, 'o'};
-const OptionDefinition kPem = {"pem", false};
-
-const char kGlobalHelp[] =
-    "Global options:\n"
-    "  --device N     use device N of the provider's device set (default 0)\n"
-    "  --store DIR    software token store (sets TEMBRA_SOFTSKF_DIR)\n"
-    "  --json         machine-readable output\n"
-    "  -h, --help     this help\n"
-    "PINs: --pin-file F, --pin-env VAR, or the terminal; --pin-insecure-arg PIN only if you "
-    "must.\n";
+const OptionDefinition kLabel = {"label", true, '\0', false, "L: the key pair's container label"};
+const OptionDefinition kType = {"type", true, '\0', false,
+                                "T: key pair type, sign or enc (default: sign)"};
+const OptionDefinition kEncType = {"type", true, '\0', false,
+                                   "T: key pair type, enc or sign (default: enc)"};
+const OptionDefinition kInput = {"input", true, 'i', false,
+                                 "FILE: input file (- for standard input)"};
+const OptionDefinition kOutput = {"output", true, 'o', false,
+                                  "FILE: output file (default: standard output)"};
+const OptionDefinition kPem = {"pem", false, '\0', false, "PEM instead of DER"};
 
 bool takesPositionals(const std::string &command) {
   return command == "cert" || command == "token" || command == "data";
-}
-
-void printCommandHelp(std::ostream &out, const Command &command) {
-  out << "usage: tembra " << command.name << " " << command.usage << "\n"
-      << command.summary << "\n\n"
-      << kGlobalHelp;
-}
-
-void printGeneralHelp(std::ostream &out) {
-  out << "usage: tembra [global options] <command> [options]\n"
-         "A command-line host for the TembraKeyProv device key provider.\n\nCommands:\n";
-  for (const Command &command : allCommands()) {
-    std::string name = command.name;
-    out << "  " << name << std::string(name.size() < 10 ? 10 - name.size() : 1, ' ')
-        << command.summary << "\n";
-  }
-  out << "\n" << kGlobalHelp << "'tembra <command> --help' shows a command's options.\n";
 }
 
 const Command *findCommand(const std::string &name) {
@@ -62,13 +47,46 @@ const Command *findCommand(const std::string &name) {
   return nullptr;
 }
 
+// The provider's trace log records PINs from level 3 on, and its default
+// (the variable unset) is level 3: tembra runs it at errors only unless the
+// user chose a level or asks for --trace.
+void chooseLogLevel(const Arguments &args, std::ostream &err) {
+  const char kLevel[] = "TEMBRA_KEY_PROV_LOG_LEVEL";
+  if (args.has("trace")) {
+    setEnvironment(kLevel, "5");
+    err << "tembra: warning: the trace log records PINs in clear; remove it after use\n";
+  } else if (getenv(kLevel) == nullptr) {
+    setEnvironment(kLevel, "1");
+  }
+}
+
+DeviceChoice deviceChoice(const Arguments &args, const std::string &command) {
+  DeviceChoice choice;
+  if (args.has("device")) {
+    if (!parseIndex(args.value("device"), choice.index)) {
+      throw UsageError("--device needs a device index (0, 1, ...), not '" + args.value("device") +
+                       "'");
+    }
+    choice.indexGiven = true;
+  }
+  choice.label = args.value("token-label");
+  // token create takes --serial as the new token's serial number.
+  if (command != "token") choice.serial = args.value("serial");
+  return choice;
+}
+
 int dispatch(const std::vector<std::string> &words, std::ostream &out, std::ostream &err) {
   std::string name;
   std::vector<std::string> rest;
   if (!splitCommand(words, name, rest)) {
     Arguments globals;
     std::string error;
-    if (globals.parse(words, globalOptions(), &error) && globals.has("help")) {
+    if (!globals.parse(words, globalOptions(), &error)) throw UsageError(error);
+    if (globals.has("version")) {
+      out << "tembra " << tembraVersion() << "\n";
+      return 0;
+    }
+    if (globals.has("help")) {
       printGeneralHelp(out);
       return 0;
     }
@@ -98,20 +116,39 @@ int dispatch(const std::vector<std::string> &words, std::ostream &out, std::ostr
     printCommandHelp(out, *command);
     return 0;
   }
+  if (args.has("version")) {
+    out << "tembra " << tembraVersion() << "\n";
+    return 0;
+  }
   if (!takesPositionals(name) && !args.positionals().empty()) {
     throw UsageError(name + ": unexpected argument '" + args.positionals().front() + "'");
   }
-  int deviceIndex = 0;
-  if (args.has("device") && !parseIndex(args.value("device"), deviceIndex)) {
-    throw UsageError("--device needs a device index (0, 1, ...), not '" + args.value("device") +
-                     "'");
+  const DeviceChoice choice = deviceChoice(args, name);
+  if (args.has("module") && args.value("module").empty()) {
+    throw UsageError("--module needs a library path");
   }
+  setProviderModule(args.value("module"));
+  chooseLogLevel(args, err);
   if (args.has("store")) {
     if (args.value("store").empty()) throw UsageError("--store needs a directory");
     setEnvironment("TEMBRA_SOFTSKF_DIR", args.value("store"));
   }
-  Output output(out, args.has("json"));
-  CommandContext context{args, output, err, deviceIndex};
+  // A store named by the user must be there: an empty listing of a mistyped
+  // directory would look like a store without tokens. token create and the
+  // demo make theirs.
+  const bool makesStore =
+      name == "demo" || (name == "verify" && args.has("pubkey")) ||
+      (name == "token" && !args.positionals().empty() && args.positionals().front() == "create");
+  if (!makesStore && (args.has("store") || getenv("TEMBRA_SOFTSKF_DIR") != nullptr)) {
+    checkTokenStore(tokenStoreDirectory());
+  }
+  OutputSettings settings;
+  settings.json = args.has("json");
+  settings.quiet = args.has("quiet");
+  settings.force = args.has("force");
+  settings.stdoutIsTerminal = &out == &std::cout && stdoutIsTerminal();
+  Output output(out, err, settings);
+  CommandContext context{args, output, err, choice};
   return command->run(context);
 }
 
@@ -127,47 +164,73 @@ const std::vector<Command> &allCommands() {
        {kLabel, kType, kPem, kOutput},
        runPubkey},
       {"cert", "read or store a key pair's certificate",
-       "get|put --label L [--type sign|enc] [-o FILE | -i FILE] [--pem] [PIN options for put]",
-       join({kLabel, kType, kPem, kOutput, kInput}, {pinOptions("")}), runCert},
+       "get|put --label L [--type sign|enc] [-o FILE | -i FILE] [--pem] [--force] "
+       "[PIN options for put]",
+       join({kLabel,
+             kType,
+             kPem,
+             kOutput,
+             {"input", true, 'i', false, "FILE: certificate to store, DER or PEM (put)"}},
+            {pinOptions("")}),
+       runCert},
       {"token", "create, list, remove, plug or unplug software tokens",
        "create NAME [--label L] [--serial S] [--app NAME] [--user-pin-file F | --user-pin-env V]\n"
-       "             [--admin-pin-file F | --admin-pin-env V] [--container "
+       "             [--admin-pin-file F | --admin-pin-env V] [--default-pins] [--container "
        "NAME:sm2|rsa1024|rsa2048|empty[:noenc][:nocert]]...\n"
        "             [--auth-key HEX32] [--unformatted]\n"
        "       tembra token list | remove NAME | plug NAME | unplug NAME",
-       join({kLabel,
-             {"serial", true},
-             {"app", true},
-             {"container", true, '\0', true},
-             {"auth-key", true},
-             {"unformatted", false}},
+       join({{"label", true, '\0', false, "L: the new token's label (default: NAME)"},
+             {"app", true, '\0', false, "NAME: the application's name (default: TembraApp)"},
+             {"container", true, '\0', true,
+              "C: NAME:sm2|rsa1024|rsa2048|empty[:noenc][:nocert] (default: "
+              "SM2Container:sm2 and RSAContainer:rsa2048)"},
+             {"auth-key", true, '\0', false,
+              "HEX32: device authentication key (default: 0102...10)"},
+             {"unformatted", false, '\0', false, "a token without application"},
+             {"default-pins", false, '\0', false,
+              "use 12345678 for each PIN not given (needed when not on a terminal)"}},
             {pinOptions("user-"), pinOptions("admin-")}),
        runToken},
       {"login", "check a PIN (type user or admin); reports the tries left on failure",
-       "[--type user|admin] [PIN options]", join({kType}, {pinOptions("")}), runLogin},
-      {"passwd", "change a PIN",
+       "[--type user|admin] [PIN options]",
+       join({{"type", true, '\0', false, "T: user or admin (default: user)"}}, {pinOptions("")}),
+       runLogin},
+      {"passwd", "change a PIN (a new PIN typed on the terminal is asked twice)",
        "[--type user|admin] [PIN options] [--new-pin-file F | --new-pin-env V]",
-       join({kType}, {pinOptions(""), pinOptions("new-")}), runPasswd},
+       join({{"type", true, '\0', false, "T: user or admin (default: user)"}},
+            {pinOptions(""), pinOptions("new-")}),
+       runPasswd},
       {"unblock", "unblock the user PIN with the administrator PIN",
        "[--admin-pin-file F | --admin-pin-env V] [--new-pin-file F | --new-pin-env V]",
        join({}, {pinOptions("admin-"), pinOptions("new-")}), runUnblock},
       {"pin-info", "show the tries left of both PINs", "", {}, runPinInfo},
       {"sign", "sign a file with a signature key pair",
-       "--label L [--alg sm2|rsa] [--hash sha256|sm3] -i FILE -o SIGFILE [PIN options]",
-       join({kLabel, {"alg", true}, {"hash", true}, kInput, kOutput}, {pinOptions("")}), runSign},
+       "--label L [--alg sm2|rsa] [--hash sha256|sm3] -i FILE [-o SIGFILE] [PIN options]",
+       join({kLabel,
+             {"alg", true, '\0', false,
+              "A: sm2 or rsa, checked against the key (default: the key's)"},
+             {"hash", true, '\0', false, "H: sha256 or sm3 (default: sm3 for SM2, sha256 for RSA)"},
+             kInput,
+             {"output", true, 'o', false, "FILE: signature file (default: standard output)"}},
+            {pinOptions("")}),
+       runSign},
       {"verify",
        "verify a signature with the exported public key (no token key used)",
        "(--label L | --pubkey FILE) [--hash sha256|sm3] -i FILE -s SIGFILE",
-       {kLabel, {"pubkey", true}, {"hash", true}, kInput, {"signature", true, 's'}},
+       {kLabel,
+        {"pubkey", true, '\0', false, "FILE: public key, DER or PEM, instead of --label"},
+        {"hash", true, '\0', false, "H: sha256 or sm3 (default: sm3 for SM2, sha256 for RSA)"},
+        kInput,
+        {"signature", true, 's', false, "FILE: the signature"}},
        runVerify},
       {"encrypt",
        "encrypt a file to a key pair's exported public key",
-       "--label L [--type enc|sign] -i FILE -o FILE",
-       {kLabel, kType, kInput, kOutput},
+       "--label L [--type enc|sign] -i FILE [-o FILE]",
+       {kLabel, kEncType, kInput, kOutput},
        runEncrypt},
       {"decrypt", "decrypt a file with a key pair on the token",
-       "--label L [--type enc|sign] -i CIPHERFILE -o FILE [PIN options]",
-       join({kLabel, kType, kInput, kOutput}, {pinOptions("")}), runDecrypt},
+       "--label L [--type enc|sign] -i CIPHERFILE [-o FILE] [PIN options]",
+       join({kLabel, kEncType, kInput, kOutput}, {pinOptions("")}), runDecrypt},
       {"keygen", "generate a signature key pair on the token",
        "--label L [--alg sm2|rsa1024|rsa2048] [PIN options]",
        join({kLabel, {"alg", true}}, {pinOptions("")}), runKeygen},

@@ -7,6 +7,9 @@
 #   include/             tembra_key_prov.h, softskf.h and platform/ (skf.h,
 #                        orvel_crypto.h, and win_types.h, which skf.h includes)
 #   share/doc/tembra/    README.md and docs/*.md
+#   share/man/man1/      tembra.1, generated from tembra's help text
+#   share/bash-completion/completions/
+#                        tembra, the bash completion, generated likewise
 #   share/tembra/        Windows only: TembraKey.reg, the provider's settings
 # Components built in this tree are installed when their targets exist, so a
 # partial build still installs what it has. Test programs are not installed.
@@ -39,6 +42,12 @@ if(EXISTS ${PROJECT_SOURCE_DIR}/README.md)
 endif()
 if(_tembra_docs)
   install(FILES ${_tembra_docs} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tembra)
+endif()
+
+if(TEMBRA_MAN_PAGE)
+  install(FILES ${TEMBRA_MAN_PAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES ${TEMBRA_BASH_COMPLETION}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tembra)
 endif()
 
 if(WIN32)

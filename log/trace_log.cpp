@@ -33,7 +33,7 @@ FILE *openLogStream() {
   if (length >= kPathBufferSize) defaultPath[0] = '\0';
   strncat(defaultPath, TEMBRA_LOG_FILE_SUFFIX, sizeof defaultPath - strlen(defaultPath) - 1);
   const char *path = getenv(kPathVariable);
-  FILE *stream = fopen(path != nullptr ? path : defaultPath, "a");
+  FILE *stream = openLogFile(path != nullptr ? path : defaultPath);
   if (stream != nullptr) g_logStream.store(stream);
   return stream;
 }

@@ -6,7 +6,10 @@
 //   is read from a text file in the format `reg export` writes, at
 //   /etc/orvel/pki/TembraKey.reg or at $ORVEL_PKI_REGISTRY_FILE;
 // - a critical section is a recursive mutex;
-// - GetTempPathA answers $TMPDIR or /tmp, with a trailing separator;
+// - GetTempPathA answers a directory of the user's own: $TMPDIR, else
+//   $XDG_RUNTIME_DIR, else /tmp, with a trailing separator;
+// - openLogFile appends to a file created readable by its owner only (0600),
+//   refusing a symbolic link, as Windows keeps %TEMP% per user;
 // - GetCurrentThreadId answers the kernel thread id.
 #ifndef TEMBRA_PLATFORM_WIN_COMPAT_H
 #define TEMBRA_PLATFORM_WIN_COMPAT_H
@@ -61,6 +64,19 @@ void DeleteCriticalSection(LPCRITICAL_SECTION section);
 DWORD GetTempPathA(DWORD nBufferLength, LPSTR lpBuffer);
 DWORD GetCurrentThreadId(void);
 #endif  // !_WIN32
+
+#include <stdio.h>
+
+// Opens the trace log file for appending (text mode "a"), or null. On POSIX
+// the file is created with mode 0600, a symbolic link is refused, and a file
+// of ours that others can read is narrowed to 0600: the log may hold PINs.
+#ifdef _WIN32
+inline FILE *openLogFile(const char *path) {
+  return path != nullptr ? fopen(path, "a") : nullptr;
+}
+#else
+FILE *openLogFile(const char *path);
+#endif
 
 // The file name the log appends to the temporary directory: on Windows the
 // text "\tembra_key_prov.log" (GetTempPathA's trailing backslash makes the

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "cli/commands.h"
+#include "softskf/include/softskf.h"
 #include "tests/support/provider_test_support.h"
 
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
@@ -50,7 +51,10 @@ struct UsageCase {
   const char *message;  // the line after "tembra: "
 };
 
-class UsageErrors : public ::testing::TestWithParam<UsageCase> {};
+class UsageErrors : public ::testing::TestWithParam<UsageCase> {
+ protected:
+  void SetUp() override { test::setEnv("TEMBRA_TEST_SHORT_PIN", "1234"); }
+};
 
 TEST_P(UsageErrors, StatusTwoAndOneLine) {
   Outcome run = tembra(GetParam().words);
@@ -92,7 +96,37 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"login", "--pin-env", "TEMBRA_TEST_SURELY_UNSET"},
                   "environment variable TEMBRA_TEST_SURELY_UNSET is not set"},
         UsageCase{{"login", "--pin-env", "A", "--pin-file", "B"},
-                  "give only one of --pin-file, --pin-env, --pin-insecure-arg"}));
+                  "give only one of --pin-file, --pin-env, --pin-insecure-arg"},
+        UsageCase{{"--bogus"}, "unknown option --bogus"},
+        UsageCase{{"verify", "--label", "L", "--pubkey", "k", "-i", "m", "-s", "s"},
+                  "give --label or --pubkey, not both"},
+        UsageCase{{"token", "create", "t", "--container", "A:sm2", "--container", "A:rsa1024"},
+                  "container name 'A' given twice"},
+        UsageCase{{"token", "create", "t"},
+                  "no user PIN given: use --user-pin-file or --user-pin-env, run on a terminal, "
+                  "or add --default-pins"},
+        UsageCase{
+            {"token", "create", "t", "--user-pin-env", "TEMBRA_TEST_SHORT_PIN", "--default-pins"},
+            "New user PIN: PIN length out of range (6 to 16 characters)"}));
+
+// Every option of every command is described in its --help, with an
+// example; the man page carries the same text.
+TEST(Help, DescribesEveryOptionWithAnExample) {
+  std::ostringstream man;
+  for (const cli::Command &command : cli::allCommands()) {
+    Outcome run = tembra({command.name, "--help"});
+    ASSERT_EQ(run.status, 0);
+    if (!command.options.empty()) {
+      EXPECT_NE(run.out.find("Example:\n  tembra " + std::string(command.name)), std::string::npos)
+          << command.name;
+    }
+    for (const cli::OptionDefinition &option : command.options) {
+      EXPECT_FALSE(option.help.empty()) << command.name << " --" << option.name;
+      EXPECT_NE(run.out.find("--" + option.name), std::string::npos) << command.name;
+    }
+  }
+  EXPECT_EQ(tembra({"--version"}).out, "tembra 0.1.0\n");
+}
 
 TEST(Help, GoesToStandardOutputWithStatusZero) {
   for (const std::vector<std::string> &words :
@@ -111,8 +145,9 @@ class TembraOnToken : public ::testing::Test {
   void SetUp() override {
     test::setEnv("TEMBRA_TEST_USER_PIN", "11112222");
     test::setEnv("TEMBRA_TEST_WRONG_PIN", "99999999");
-    Outcome run = tembra({"token", "create", "tok", "--container", "S:sm2", "--container",
-                          "R:rsa1024:nocert", "--user-pin-env", "TEMBRA_TEST_USER_PIN"});
+    Outcome run =
+        tembra({"token", "create", "tok", "--container", "S:sm2", "--container", "R:rsa1024:nocert",
+                "--user-pin-env", "TEMBRA_TEST_USER_PIN", "--default-pins"});
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.err, "tembra: note: default PIN 12345678 in use for the administrator\n");
   }
@@ -172,6 +207,9 @@ TEST_P(SignAndVerify, SignatureVerifiesAndATamperedMessageDoesNot) {
   // The same with the public key from a PEM file instead of the token.
   Outcome pubkey = tembra({"pubkey", "--label", label, "--pem", "-o", path("key.pem")});
   ASSERT_EQ(pubkey.status, 0) << pubkey.err;
+  EXPECT_NE(pubkey.out.find("bytes:   " + std::to_string(readBytes("key.pem").size()) + "\n"),
+            std::string::npos)
+      << pubkey.out;
   Outcome fromFile = tembra({"verify", "--pubkey", path("key.pem"), "--hash", hash, "-i",
                              path("message"), "-s", path("sig")});
   EXPECT_EQ(fromFile.status, 0) << fromFile.err;
@@ -272,6 +310,161 @@ TEST_F(TembraOnToken, MissingKeyPairAndDeviceAreOneLineFailures) {
   EXPECT_EQ(noDevice.status, 1);
   EXPECT_EQ(noDevice.err, "tembra: no device 3 (1 found)\n");
   EXPECT_EQ(lineCount(noDevice.out), 0u);
+}
+
+// Failures in plain words, one line each. "@" in words and messages stands
+// for the store's directory. Setup commands run first, their results unused.
+struct FailureCase {
+  const char *name;
+  std::vector<std::vector<std::string>> setup;
+  std::vector<std::string> words;
+  const char *message;          // the line after "tembra: "
+  const char *fault = nullptr;  // an SKF call that fails once with SAR_WRITEFILEERR
+};
+void PrintTo(const FailureCase &c, std::ostream *os) {
+  *os << c.name;
+}
+
+class Failures : public TembraOnToken, public ::testing::WithParamInterface<FailureCase> {
+ protected:
+  std::string expand(const std::string &text) const {
+    std::string out;
+    for (char c : text) out += c == '@' ? m_store.path() : std::string(1, c);
+    return out;
+  }
+  std::vector<std::string> expand(std::vector<std::string> words) const {
+    for (std::string &word : words) word = expand(word);
+    return words;
+  }
+};
+
+TEST_P(Failures, OneLineInPlainWords) {
+  writeText("big", std::string(65537, 'x'));
+  for (const std::vector<std::string> &words : GetParam().setup) tembra(expand(words));
+  if (GetParam().fault != nullptr) SKFSoft_SetFault(GetParam().fault, SAR_WRITEFILEERR, 1);
+  Outcome run = tembra(expand(GetParam().words));
+  SKFSoft_ClearFaults();
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "tembra: " + expand(GetParam().message) + "\n");
+}
+
+const std::vector<std::string> kWrongLogin = {"login", "--pin-env", "TEMBRA_TEST_WRONG_PIN"};
+const std::vector<std::string> kWrongAdmin = {"passwd",
+                                              "--type",
+                                              "admin",
+                                              "--pin-env",
+                                              "TEMBRA_TEST_WRONG_PIN",
+                                              "--new-pin-env",
+                                              "TEMBRA_TEST_USER_PIN"};
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, Failures,
+    ::testing::Values(
+        FailureCase{"UnblockWrongAdminPin",
+                    {},
+                    {"unblock", "--admin-pin-env", "TEMBRA_TEST_WRONG_PIN", "--new-pin-env",
+                     "TEMBRA_TEST_USER_PIN"},
+                    "unblock refused: wrong administrator PIN, 9 tries left"},
+        FailureCase{"OneTryLeft", std::vector<std::vector<std::string>>(8, kWrongLogin),
+                    kWrongLogin, "wrong user PIN, 1 try left"},
+        FailureCase{"UserPinLocked", std::vector<std::vector<std::string>>(9, kWrongLogin),
+                    kWrongLogin,
+                    "the user PIN is locked: unblock it with the administrator PIN "
+                    "(tembra unblock)"},
+        FailureCase{"PasswdOnLockedAdminPin",
+                    std::vector<std::vector<std::string>>(10, kWrongAdmin), kWrongAdmin,
+                    "PIN change refused: the administrator PIN is locked and cannot be unblocked"},
+        FailureCase{"PlugUnknownToken",
+                    {},
+                    {"token", "plug", "nope"},
+                    "token plug 'nope' failed: no such token (see tembra token list)"},
+        FailureCase{"ReadOnlyStore",
+                    {},
+                    {"token", "create", "t2", "--default-pins"},
+                    "cannot create token 't2': application TembraApp: SKF_CreateApplication: the "
+                    "token's store cannot be written (read-only or full) (token code 0x0A000008)",
+                    "SKF_CreateApplication"},
+        FailureCase{"MissingInput",
+                    {},
+                    {"sign", "--label", "S", "-i", "@/none", "--pin-env", "TEMBRA_TEST_USER_PIN"},
+                    "cannot open @/none: No such file or directory"},
+        FailureCase{"DirectoryInput",
+                    {},
+                    {"verify", "--label", "S", "-i", "@", "-s", "@/big"},
+                    "@: is a directory"},
+        FailureCase{"MissingStore",
+                    {},
+                    {"devices", "--store", "@/none"},
+                    "token store @/none: No such file or directory"},
+        FailureCase{"Sm2MessageTooLong",
+                    {},
+                    {"encrypt", "--label", "S", "-i", "@/big", "-o", "@/out"},
+                    "@/big is larger than 65536 bytes: SM2 encryption is limited to what the "
+                    "token can decrypt"},
+        FailureCase{
+            "CertificateOfAnotherKey",
+            {{"cert", "get", "--label", "S", "--type", "enc", "-o", "@/enc.der"}},
+            {"cert", "put", "--label", "S", "-i", "@/enc.der", "--pin-env", "TEMBRA_TEST_USER_PIN"},
+            "the certificate's public key is not that of the sign key pair 'S'; nothing "
+            "stored (--force stores it all the same)"}),
+    [](const ::testing::TestParamInfo<FailureCase> &param) {
+      return std::string(param.param.name);
+    });
+
+// A token whose store files are corrupt is named on standard error and in
+// token list, and never stands in for another: an index is refused, an
+// identity finds only the right token.
+TEST_F(TembraOnToken, CorruptTokenIsReportedAndNeverMistakenForAnother) {
+  ASSERT_EQ(tembra({"token", "create", "other", "--default-pins"}).status, 0);
+  writeText("tok/device.rec", "garbage");
+  const std::string problem = "token 'tok' is corrupt (device.rec cannot be decoded)";
+
+  Outcome devices = tembra({"devices", "--json"});
+  EXPECT_EQ(devices.status, 0);
+  EXPECT_EQ(devices.err, "tembra: warning: " + problem + "; the provider does not list it\n");
+  Outcome list = tembra({"token", "list", "--json"});
+  EXPECT_NE(list.out.find("\"status\": \"is corrupt (device.rec cannot be decoded)\""),
+            std::string::npos)
+      << list.out;
+  Outcome byIndex = tembra({"login", "--device", "0", "--pin-env", "TEMBRA_TEST_USER_PIN"});
+  EXPECT_EQ(byIndex.status, 1);
+  EXPECT_EQ(byIndex.err, "tembra: " + problem +
+                             "; device numbers may have moved: choose the device with "
+                             "--token-label or --serial\n");
+  Outcome byLabel = tembra({"login", "--token-label", "tok", "--pin-env", "TEMBRA_TEST_USER_PIN"});
+  EXPECT_EQ(byLabel.err,
+            "tembra: no device with label 'tok' (the store also holds: " + problem + ")\n");
+  EXPECT_EQ(tembra({"keys", "--token-label", "other"}).status, 0);
+}
+
+TEST_F(TembraOnToken, TokenTheProviderDroppedIsNamed) {
+  SKFSoft_SetFault("SKF_ConnectDev", SAR_FAIL, 1);
+  Outcome devices = tembra({"devices"});
+  SKFSoft_ClearFaults();
+  EXPECT_EQ(devices.out, "(none)\n");
+  EXPECT_EQ(devices.err.rfind("tembra: warning: token 'tok' (serial TMB", 0), 0u) << devices.err;
+  EXPECT_NE(devices.err.find("is present, but the provider dropped it at discovery"),
+            std::string::npos);
+}
+
+TEST_F(TembraOnToken, ForcedCertificateOfAnotherKeyIsStored) {
+  ASSERT_EQ(tembra({"cert", "get", "--label", "S", "--type", "enc", "-o", path("enc.der")}).status,
+            0);
+  ASSERT_EQ(tembra({"cert", "put", "--force", "--label", "S", "-i", path("enc.der"), "--pin-env",
+                    "TEMBRA_TEST_USER_PIN"})
+                .status,
+            0);
+  ASSERT_EQ(tembra({"cert", "get", "--label", "S", "-o", path("back.der")}).status, 0);
+  EXPECT_EQ(readBytes("back.der"), readBytes("enc.der"));
+}
+
+TEST_F(TembraOnToken, ModuleSelectsTheProviderBuild) {
+  Outcome missing = tembra({"devices", "--module", "/nonexistent/provider.so"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.err.rfind("tembra: cannot load /nonexistent/provider.so: ", 0), 0u)
+      << missing.err;
+  Outcome chosen = tembra({"devices", "--module", TEMBRA_PROVIDER_BINARY});
+  EXPECT_EQ(chosen.status, 0) << chosen.err;
 }
 
 }  // namespace
