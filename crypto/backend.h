@@ -47,6 +47,11 @@ class Sm3 {
 
 bool sm3(const uint8_t *data, size_t len, uint8_t out[kSm3DigestSize]);
 
+// ---- SHA-256 ----------------------------------------------------------------
+constexpr size_t kSha256DigestSize = 32;
+
+bool sha256(const uint8_t *data, size_t len, uint8_t out[kSha256DigestSize]);
+
 // ---- SM4 ------------------------------------------------------------------
 constexpr size_t kSm4KeySize = 16;
 constexpr size_t kSm4BlockSize = 16;

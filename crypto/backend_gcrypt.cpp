@@ -492,6 +492,15 @@ bool sm3(const uint8_t *data, size_t len, uint8_t out[kSm3DigestSize]) {
   return hash.update(data, len) && hash.final(out);
 }
 
+// ---- SHA-256 ------------------------------------------------------------------
+
+bool sha256(const uint8_t *data, size_t len, uint8_t out[kSha256DigestSize]) {
+  if (out == nullptr || (data == nullptr && len > 0) || !libraryReady()) return false;
+  const uint8_t none = 0;
+  gcry_md_hash_buffer(GCRY_MD_SHA256, out, len > 0 ? data : &none, len);
+  return true;
+}
+
 // ---- SM4 ----------------------------------------------------------------------
 
 bool sm4Ecb(bool encrypt, const uint8_t key[kSm4KeySize], const uint8_t *in, size_t len,

@@ -82,12 +82,37 @@ bool bnTo32(const BIGNUM *bn, uint8_t out[kSm2ScalarSize]) {
   return BN_bn2binpad(bn, out, kSm2ScalarSize) == static_cast<int>(kSm2ScalarSize);
 }
 
+// ---- Algorithms ---------------------------------------------------------------
+
+// The digests and ciphers, fetched once and freed with the library (as the
+// SM2 curve below: OpenSSL's own exit-time clean-up was registered first, so
+// ours runs before it).
+struct Algorithms {
+  EVP_MD *sm3 = EVP_MD_fetch(nullptr, "SM3", nullptr);
+  EVP_MD *sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  EVP_CIPHER *sm4Ecb = EVP_CIPHER_fetch(nullptr, "SM4-ECB", nullptr);
+  EVP_CIPHER *sm4Cbc = EVP_CIPHER_fetch(nullptr, "SM4-CBC", nullptr);
+
+  Algorithms() = default;
+  Algorithms(const Algorithms &) = delete;
+  Algorithms &operator=(const Algorithms &) = delete;
+  ~Algorithms() {
+    EVP_MD_free(sm3);
+    EVP_MD_free(sha256);
+    EVP_CIPHER_free(sm4Ecb);
+    EVP_CIPHER_free(sm4Cbc);
+  }
+};
+
+const Algorithms &algorithms() {
+  static const Algorithms fetched;
+  return fetched;
+}
+
 // ---- SM4 --------------------------------------------------------------------
 
 const EVP_CIPHER *sm4Cipher(bool cbc) {
-  static EVP_CIPHER *ecb = EVP_CIPHER_fetch(nullptr, "SM4-ECB", nullptr);
-  static EVP_CIPHER *cbcCipher = EVP_CIPHER_fetch(nullptr, "SM4-CBC", nullptr);
-  return cbc ? cbcCipher : ecb;
+  return cbc ? algorithms().sm4Cbc : algorithms().sm4Ecb;
 }
 
 // One-shot SM4; `out` must hold len + 16 bytes when padding is on.
@@ -353,7 +378,7 @@ struct Sm3::State {
 };
 
 Sm3::Sm3() : m_state(new State) {
-  static EVP_MD *md = EVP_MD_fetch(nullptr, "SM3", nullptr);
+  const EVP_MD *md = algorithms().sm3;
   m_state->ctx.reset(EVP_MD_CTX_new());
   if (md == nullptr || !m_state->ctx || EVP_DigestInit_ex2(m_state->ctx.get(), md, nullptr) != 1) {
     m_state->ctx.reset();
@@ -384,6 +409,17 @@ bool Sm3::final(uint8_t out[kSm3DigestSize]) {
 bool sm3(const uint8_t *data, size_t len, uint8_t out[kSm3DigestSize]) {
   Sm3 hash;
   return hash.update(data, len) && hash.final(out);
+}
+
+// ---- SHA-256 ------------------------------------------------------------------
+
+bool sha256(const uint8_t *data, size_t len, uint8_t out[kSha256DigestSize]) {
+  const EVP_MD *md = algorithms().sha256;
+  if (md == nullptr || out == nullptr || (data == nullptr && len > 0)) return false;
+  const uint8_t none = 0;
+  unsigned int outLen = 0;
+  return EVP_Digest(len > 0 ? data : &none, len, out, &outLen, md, nullptr) == 1 &&
+         outLen == kSha256DigestSize;
 }
 
 // ---- SM4 ----------------------------------------------------------------------
