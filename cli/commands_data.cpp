@@ -161,7 +161,7 @@ class DeviceApplication {
 
 int runList(CommandContext &context) {
   std::vector<Record> rows;
-  for (const auto &file : DeviceApplication(context.deviceIndex).numberedFiles()) {
+  for (const auto &file : DeviceApplication(context.deviceIndex.index).numberedFiles()) {
     rows.push_back({{"id", file.first},
                     {"size", int64_t(file.second.FileSize)},
                     {"read", rightsText(file.second.ReadRights)},

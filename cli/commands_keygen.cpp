@@ -19,7 +19,6 @@
 #include "cli/signing.h"
 #include "crypto/backend.h"
 #include "crypto/key_formats.h"
-#include "softskf/provision/sha256.h"
 
 namespace tembra {
 namespace cli {
@@ -54,7 +53,7 @@ std::string fingerprint(const Bytes &spki, bool sm2) {
     if (!crypto::sm3(spki.data(), spki.size(), digest)) throw CliError("SM3 failed");
     return "sm3:" + hexText(digest, sizeof(digest));
   }
-  sha256(spki.data(), spki.size(), digest);
+  if (!crypto::sha256(spki.data(), spki.size(), digest)) throw CliError("SHA-256 failed");
   return "sha256:" + hexText(digest, sizeof(digest));
 }
 

@@ -7,7 +7,6 @@
 #include "crypto/der.h"
 #include "crypto/key_formats.h"
 #include "crypto/sm2_z.h"
-#include "softskf/provision/sha256.h"
 
 namespace tembra {
 namespace cli {
@@ -63,7 +62,7 @@ struct SignatureDigest::State {
   bool sm2 = false;
   HashKind hash = HashKind::Sha256;
   crypto::Sm3 sm3;
-  Sha256 sha256;
+  crypto::Sha256 sha256;
   bool finished = false;
 };
 
@@ -87,7 +86,7 @@ SignatureDigest::~SignatureDigest() = default;
 
 void SignatureDigest::update(const uint8_t *data, size_t len) {
   if (m_state->hash == HashKind::Sha256) {
-    m_state->sha256.update(data, len);
+    if (!m_state->sha256.update(data, len)) throw CliError("SHA-256 failed");
   } else if (!m_state->sm3.update(data, len)) {
     throw CliError("SM3 failed");
   }
@@ -98,7 +97,7 @@ std::vector<uint8_t> SignatureDigest::finish() {
   m_state->finished = true;
   uint8_t digest[32];
   if (m_state->hash == HashKind::Sha256) {
-    m_state->sha256.final(digest);
+    if (!m_state->sha256.final(digest)) throw CliError("SHA-256 failed");
   } else if (!m_state->sm3.final(digest)) {
     throw CliError("SM3 failed");
   }

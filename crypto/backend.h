@@ -28,24 +28,41 @@ bool randomBytes(uint8_t *out, size_t len);
 
 // ---- SM3 ------------------------------------------------------------------
 constexpr size_t kSm3DigestSize = 32;
+constexpr size_t kSha256DigestSize = 32;
 
-class Sm3 {
+enum class DigestKind { Sm3, Sha256 };
+
+// An incremental digest of 32 bytes.
+class StreamingDigest {
  public:
-  Sm3();
-  ~Sm3();
-  Sm3(const Sm3 &) = delete;
-  Sm3 &operator=(const Sm3 &) = delete;
+  explicit StreamingDigest(DigestKind kind);
+  ~StreamingDigest();
+  StreamingDigest(const StreamingDigest &) = delete;
+  StreamingDigest &operator=(const StreamingDigest &) = delete;
   bool ok() const;  // false if the backend could not start a digest
   bool update(const uint8_t *data, size_t len);
   // Writes 32 bytes; the object is spent afterwards.
-  bool final(uint8_t out[kSm3DigestSize]);
+  bool final(uint8_t out[32]);
 
  private:
   struct State;
   std::unique_ptr<State> m_state;
 };
 
+class Sm3 : public StreamingDigest {
+ public:
+  Sm3() : StreamingDigest(DigestKind::Sm3) {}
+};
+
+class Sha256 : public StreamingDigest {
+ public:
+  Sha256() : StreamingDigest(DigestKind::Sha256) {}
+};
+
 bool sm3(const uint8_t *data, size_t len, uint8_t out[kSm3DigestSize]);
+
+// ---- SHA-256 ----------------------------------------------------------------
+bool sha256(const uint8_t *data, size_t len, uint8_t out[kSha256DigestSize]);
 
 // ---- SM4 ------------------------------------------------------------------
 constexpr size_t kSm4KeySize = 16;
@@ -101,6 +118,28 @@ bool sm2AgreementPoint(const uint8_t d[kSm2ScalarSize], const uint8_t r[kSm2Scal
                        const Sm2PublicKey &ownTemporary, const Sm2PublicKey &peer,
                        const Sm2PublicKey &peerTemporary, uint8_t xy[2 * kSm2ScalarSize]);
 
+// A private key made ready once for many operations: the backend's own key
+// object with its precomputation (blinding, Montgomery set-up). Safe to use
+// from several threads at once; the destructor wipes and frees it.
+class PreparedSm2Key {
+ public:
+  // Null for d = 0, d >= n - 1 or a backend failure.
+  static std::unique_ptr<PreparedSm2Key> create(const uint8_t d[kSm2ScalarSize]);
+  ~PreparedSm2Key();
+  PreparedSm2Key(const PreparedSm2Key &) = delete;
+  PreparedSm2Key &operator=(const PreparedSm2Key &) = delete;
+  // As sm2Sign: e is signed as given.
+  bool sign(const uint8_t e[kSm3DigestSize], uint8_t r[kSm2ScalarSize],
+            uint8_t s[kSm2ScalarSize]) const;
+  // As sm2Decrypt: flat C1 || C2 || C3.
+  bool decrypt(const uint8_t *cipher, size_t len, SecureBytes &message) const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> m_state;
+  PreparedSm2Key();
+};
+
 // ---- RSA ------------------------------------------------------------------
 struct RsaPublicKey {
   std::vector<uint8_t> n;  // modulus, no leading zero byte
@@ -131,6 +170,25 @@ bool rsaDecryptPkcs1(const RsaPrivateKey &key, const uint8_t *cipher, size_t len
 bool rsaPublicRaw(const RsaPublicKey &key, const uint8_t *in, size_t len,
                   std::vector<uint8_t> &out);
 bool rsaPrivateRaw(const RsaPrivateKey &key, const uint8_t *in, size_t len, SecureBytes &out);
+
+// The RSA counterpart of PreparedSm2Key.
+class PreparedRsaKey {
+ public:
+  static std::unique_ptr<PreparedRsaKey> create(const RsaPrivateKey &key);  // null on failure
+  ~PreparedRsaKey();
+  PreparedRsaKey(const PreparedRsaKey &) = delete;
+  PreparedRsaKey &operator=(const PreparedRsaKey &) = delete;
+  // The modulus length in bytes, which is also the signature length.
+  size_t modulusSize() const;
+  // As rsaSignPkcs1 and rsaDecryptPkcs1.
+  bool signPkcs1(const uint8_t *data, size_t len, std::vector<uint8_t> &signature) const;
+  bool decryptPkcs1(const uint8_t *cipher, size_t len, SecureBytes &message) const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> m_state;
+  PreparedRsaKey();
+};
 
 }  // namespace crypto
 }  // namespace tembra
