@@ -60,7 +60,8 @@ ULONG runCipher(Call &call, HANDLE hKey, CipherState expected, const BYTE *in, U
   if (!feedback && (!key->padding || !encrypt)) {
     if (inLen % 16 != 0 || (key->padding && inLen == 0)) return SAR_INDATALENERR;
   }
-  if (!key->padding && out != nullptr && *outLen >= inLen && !partlyOverlapping(in, out, inLen)) {
+  if (!feedback && !key->padding && out != nullptr && *outLen >= inLen &&
+      !partlyOverlapping(in, out, inLen)) {
     // Output as long as the input, and room for it: written straight into
     // the caller's buffer, with no intermediate copy.
     const bool done =
