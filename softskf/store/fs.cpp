@@ -11,6 +11,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/file.h>
@@ -295,6 +296,15 @@ bool FileLock::stillInPlace() const {
   return m_handle != nullptr;
 }
 
+bool FileLock::usable() const {
+  return m_handle != nullptr;
+}
+
+ReadResult FileLock::statBeside(const std::string &name, FileStamp &stamp) const {
+  size_t cut = m_path.find_last_of("/\\");
+  return statFile(cut == std::string::npos ? name : m_path.substr(0, cut + 1) + name, stamp);
+}
+
 bool FileLock::tryLock() {
   if (m_handle == nullptr) return false;
   if (m_held) return true;
@@ -323,6 +333,7 @@ void FileLock::close() {
   unlock();
   if (m_handle != nullptr) CloseHandle(static_cast<HANDLE>(m_handle));
   m_handle = nullptr;
+  m_path.clear();
 }
 
 #else  // POSIX
@@ -471,16 +482,57 @@ std::string environment(const char *name) {
   return value == nullptr ? std::string() : std::string(value);
 }
 
+namespace {
+
+// Forks of this process so far, counted in the child: a lock file opened
+// before a fork is shared with the parent, lock included.
+std::atomic<unsigned> g_forks{0};
+
+void countFork() {
+  ++g_forks;
+}
+
+}  // namespace
+
 FileLock::~FileLock() {
   close();
 }
 
 bool FileLock::open(const std::string &path) {
+  static const bool counting = pthread_atfork(nullptr, nullptr, countFork) == 0;
+  (void)counting;
   close();
   m_fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (m_fd < 0) return false;
+  struct stat st;
+  if (::fstat(m_fd, &st) != 0) {
+    close();
+    return false;
+  }
+  m_device = static_cast<uint64_t>(st.st_dev);
+  m_inode = static_cast<uint64_t>(st.st_ino);
+  m_forks = g_forks;
   m_path = path;
+  size_t cut = path.find_last_of('/');
+  std::string dir = cut == std::string::npos ? std::string(".") : path.substr(0, cut);
+  m_directory = ::open(dir.empty() ? "/" : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   return true;
+}
+
+ReadResult FileLock::statBeside(const std::string &name, FileStamp &stamp) const {
+  if (m_directory < 0) {
+    size_t cut = m_path.find_last_of('/');
+    return statFile(cut == std::string::npos ? name : m_path.substr(0, cut + 1) + name, stamp);
+  }
+  struct stat st;
+  if (::fstatat(m_directory, name.c_str(), &st, 0) != 0)
+    return errno == ENOENT || errno == ENOTDIR ? ReadResult::NotFound : ReadResult::Error;
+  stampOf(st, stamp);
+  return ReadResult::Ok;
+}
+
+bool FileLock::usable() const {
+  return m_fd >= 0 && m_forks == g_forks;
 }
 
 bool FileLock::readCounter(uint64_t &value) {
@@ -509,9 +561,10 @@ bool FileLock::writeCounter(uint64_t value) {
 }
 
 bool FileLock::stillInPlace() const {
-  struct stat mine, there;
-  if (m_fd < 0 || ::fstat(m_fd, &mine) != 0 || ::stat(m_path.c_str(), &there) != 0) return false;
-  return mine.st_dev == there.st_dev && mine.st_ino == there.st_ino;
+  struct stat there;
+  if (!usable() || ::stat(m_path.c_str(), &there) != 0) return false;
+  return static_cast<uint64_t>(there.st_dev) == m_device &&
+         static_cast<uint64_t>(there.st_ino) == m_inode;
 }
 
 bool FileLock::tryLock() {
@@ -533,14 +586,18 @@ bool FileLock::lock() {
 }
 
 void FileLock::unlock() {
-  if (m_fd >= 0 && m_held) ::flock(m_fd, LOCK_UN);
+  // A lock inherited from the parent is the parent's to release.
+  if (m_held && usable()) ::flock(m_fd, LOCK_UN);
   m_held = false;
 }
 
 void FileLock::close() {
   unlock();
   if (m_fd >= 0) ::close(m_fd);
+  if (m_directory >= 0) ::close(m_directory);
   m_fd = -1;
+  m_directory = -1;
+  m_path.clear();
 }
 
 #endif

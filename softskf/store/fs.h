@@ -87,9 +87,17 @@ class FileLock {
   bool readCounter(uint64_t &value);
   bool writeCounter(uint64_t value);
   // False when the lock file has been removed or replaced since it was
-  // opened (another process removed the device): the lock then guards
-  // nothing. Always true on Windows, where an open file cannot go away.
+  // opened (another process removed the device), or was opened before this
+  // process was forked (the child would share the parent's lock): the lock
+  // then guards nothing, and the file is to be opened anew. Always true on
+  // Windows, where an open file cannot go away.
   bool stillInPlace() const;
+  // Open, and this process's own (not inherited over a fork).
+  bool usable() const;
+  // The stamp of a file in the lock file's directory: on POSIX looked up
+  // from the directory opened with the lock file, a short lookup that finds
+  // nothing once that directory has been removed.
+  ReadResult statBeside(const std::string &name, FileStamp &stamp) const;
   // Unlocks and closes the lock file.
   void close();
   bool held() const { return m_held; }
@@ -99,6 +107,9 @@ class FileLock {
   void *m_handle = nullptr;
 #else
   int m_fd = -1;
+  int m_directory = -1;
+  uint64_t m_device = 0, m_inode = 0;
+  unsigned m_forks = 0;  // the process's fork count when it was opened
 #endif
   std::string m_path;
   bool m_held = false;

@@ -14,6 +14,9 @@ namespace {
 const char kDeviceFile[] = "device.rec";
 const char kApplicationSuffix[] = ".app";
 const char kStoreLockFile[] = "store.lock";
+// Bounds of what the process keeps between calls.
+const size_t kMaxOpenLockFiles = 64;
+const size_t kMaxCachedRecords = 1024;
 
 bool isPlain(char c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
@@ -43,8 +46,12 @@ bool decodeName(const std::string &encoded, std::string &name) {
   return true;
 }
 
+std::string applicationFile(const std::string &name) {
+  return encodeName(name) + kApplicationSuffix;
+}
+
 std::string applicationPath(const DeviceLocation &device, const std::string &name) {
-  return fs::join(device.directory(), encodeName(name) + kApplicationSuffix);
+  return fs::join(device.directory(), applicationFile(name));
 }
 
 // The process's view of the store: the store lock held for each device
@@ -60,6 +67,8 @@ struct CachedRecord {
 struct StoreState {
   std::mutex mutex;
   std::map<std::string, StoreLock *> locks;
+  // The lock file of each device, kept open between calls (POSIX).
+  std::map<std::string, std::unique_ptr<fs::FileLock>> lockFiles;
   std::map<std::string, CachedRecord<DeviceRecord>> devices;
   std::map<std::string, CachedRecord<ApplicationRecord>> applications;
 };
@@ -76,33 +85,42 @@ StoreLock *heldLock(const std::string &directory) {
   return it == s.locks.end() ? nullptr : it->second;
 }
 
-// The record at `path`, from the cache when neither the device's write
-// generation nor the file's stamp has moved since it was read. Without a
-// lock of the device the file is read as it is and nothing is cached.
+// The record `name` of the device, from the cache when neither the
+// device's write generation nor the file's stamp has moved since it was
+// read. Without a lock of the device the file is read as it is and nothing
+// is cached.
 template <typename Record, typename Decode>
 fs::ReadResult loadRecord(std::map<std::string, CachedRecord<Record>> &cache,
-                          const std::string &path, const StoreLock *lock, Decode decode,
-                          std::shared_ptr<const Record> &record, bool &decoded) {
+                          const std::string &directory, const std::string &name, StoreLock *lock,
+                          Decode decode, std::shared_ptr<const Record> &record, bool &decoded) {
   decoded = true;
+  const std::string path = fs::join(directory, name);
   fs::FileStamp now;
   StoreState &s = state();
   if (lock != nullptr) {
-    fs::ReadResult found = fs::statFile(path, now);
-    std::lock_guard<std::mutex> guard(s.mutex);
-    auto it = cache.find(path);
-    if (found != fs::ReadResult::Ok) {
-      if (it != cache.end()) cache.erase(it);
-      return found;
+    if (lock->stamp(name, now) == fs::ReadResult::Ok) {
+      std::lock_guard<std::mutex> guard(s.mutex);
+      auto it = cache.find(path);
+      if (it != cache.end() && it->second.generation == lock->generation() &&
+          it->second.stamp == now) {
+        record = it->second.record;
+        return fs::ReadResult::Ok;
+      }
     }
-    if (it != cache.end() && it->second.generation == lock->generation() &&
-        it->second.stamp == now) {
-      record = it->second.record;
-      return fs::ReadResult::Ok;
+    // Not as it was: before reading, the lock must be the device's own.
+    if (!lock->confirm()) {
+      std::lock_guard<std::mutex> guard(s.mutex);
+      cache.erase(path);
+      return fs::ReadResult::NotFound;
     }
   }
   std::vector<uint8_t> bytes;
   fs::ReadResult read = fs::readFile(path, bytes, &now);
-  if (read != fs::ReadResult::Ok) return read;
+  if (read != fs::ReadResult::Ok) {
+    std::lock_guard<std::mutex> guard(s.mutex);
+    cache.erase(path);
+    return read;
+  }
   std::shared_ptr<Record> fresh = std::make_shared<Record>();
   if (!decode(bytes, *fresh)) {
     decoded = false;
@@ -111,16 +129,18 @@ fs::ReadResult loadRecord(std::map<std::string, CachedRecord<Record>> &cache,
   record = fresh;
   if (lock != nullptr) {
     std::lock_guard<std::mutex> guard(s.mutex);
+    if (cache.size() >= kMaxCachedRecords) cache.clear();  // stores come and go (tests)
     cache[path] = CachedRecord<Record>{lock->generation(), now, record};
   }
   return fs::ReadResult::Ok;
 }
 
 template <typename Record>
-void remember(std::map<std::string, CachedRecord<Record>> &cache, const std::string &path,
-              const StoreLock &lock, const Record &record) {
+void remember(std::map<std::string, CachedRecord<Record>> &cache, const std::string &directory,
+              const std::string &name, const StoreLock &lock, const Record &record) {
+  const std::string path = fs::join(directory, name);
   fs::FileStamp now;
-  bool found = fs::statFile(path, now) == fs::ReadResult::Ok;
+  bool found = lock.stamp(name, now) == fs::ReadResult::Ok;
   StoreState &s = state();
   std::lock_guard<std::mutex> guard(s.mutex);
   if (found) {
@@ -133,6 +153,8 @@ void remember(std::map<std::string, CachedRecord<Record>> &cache, const std::str
 void forgetDirectory(const std::string &directory) {
   StoreState &s = state();
   std::lock_guard<std::mutex> guard(s.mutex);
+  auto file = s.lockFiles.find(directory);
+  if (file != s.lockFiles.end() && !file->second->held()) s.lockFiles.erase(file);
   const std::string prefix = fs::join(directory, "");
   for (auto it = s.devices.begin(); it != s.devices.end();) {
     it = it->first.compare(0, prefix.size(), prefix) == 0 ? s.devices.erase(it) : std::next(it);
@@ -175,13 +197,15 @@ class WriteLock {
   std::unique_ptr<StoreLock> m_own;
 };
 
-// A write of the device's records: held lock, the generation counted before
-// the file changes (a writer killed between the two costs other processes a
-// re-read, never a stale record), stale temporary files cleared.
-bool beginWrite(StoreLock &lock, const DeviceLocation &device) {
-  if (!lock.held() || !lock.bump()) return false;
+// A write of the device's records: the device's own lock held, the
+// generation counted before the file changes (a writer killed between the
+// two costs other processes a re-read, never a stale record), stale
+// temporary files cleared. SAR_OK, else the result of the write.
+ULONG beginWrite(StoreLock &lock, const DeviceLocation &device) {
+  if (!lock.confirm()) return lock.deviceMissing() ? SAR_DEVICE_REMOVED : SAR_FILEERR;
+  if (!lock.bump()) return SAR_WRITEFILEERR;
   removeStaleTemporaries(device.directory());
-  return true;
+  return SAR_OK;
 }
 
 }  // namespace
@@ -229,21 +253,25 @@ std::string DeviceLocation::lockFile() const {
 }
 
 StoreLock::StoreLock(const DeviceLocation &device) : m_directory(device.directory()) {
-  // A lock file removed while we waited for it (the device was removed, and
-  // perhaps made anew) guards nothing: take the one now in place.
-  for (int attempt = 0; attempt < 8; ++attempt) {
-    if (!m_lock.open(fs::join(m_directory, kStoreLockFile))) {
-      m_missing = !fs::isDirectory(m_directory);
-      break;
-    }
-    if (!m_lock.lock()) break;
-    if (m_lock.stillInPlace()) {
-      if (!m_lock.readCounter(m_generation)) m_lock.close();
-      break;
-    }
-    m_lock.close();
-  }
   StoreState &s = state();
+#ifdef _WIN32
+  m_lock = &m_own;
+#else
+  {
+    std::lock_guard<std::mutex> guard(s.mutex);
+    if (s.lockFiles.size() >= kMaxOpenLockFiles && s.lockFiles.count(m_directory) == 0) {
+      for (auto it = s.lockFiles.begin(); it != s.lockFiles.end();) {
+        it = it->second->held() ? std::next(it) : s.lockFiles.erase(it);
+      }
+    }
+    std::unique_ptr<fs::FileLock> &file = s.lockFiles[m_directory];
+    if (!file) file.reset(new fs::FileLock);
+    m_lock = file.get();
+  }
+#endif
+  // A lock file kept open since an earlier call is confirmed when what it
+  // guards looks changed (see confirm), not at every call.
+  acquire(!m_lock->usable());
   std::lock_guard<std::mutex> guard(s.mutex);
   StoreLock *&slot = s.locks[m_directory];
   m_outer = slot;
@@ -251,6 +279,11 @@ StoreLock::StoreLock(const DeviceLocation &device) : m_directory(device.director
 }
 
 StoreLock::~StoreLock() {
+#ifdef _WIN32
+  m_own.close();
+#else
+  if (m_outer == nullptr) m_lock->unlock();
+#endif
   StoreState &s = state();
   std::lock_guard<std::mutex> guard(s.mutex);
   auto it = s.locks.find(m_directory);
@@ -263,8 +296,40 @@ StoreLock::~StoreLock() {
   }
 }
 
+void StoreLock::acquire(bool verify) {
+  // A lock file removed while we waited for it (the device was removed, and
+  // perhaps made anew) guards nothing: take the one now in place.
+  for (int attempt = 0; attempt < 8; ++attempt) {
+    if (!m_lock->usable()) {
+      verify = true;
+      if (!m_lock->open(fs::join(m_directory, kStoreLockFile))) {
+        m_missing = !fs::isDirectory(m_directory);
+        return;
+      }
+    }
+    if (!m_lock->lock()) return;
+    if (!verify || m_lock->stillInPlace()) {
+      if (!m_lock->readCounter(m_generation)) m_lock->close();
+      return;
+    }
+    m_lock->close();
+  }
+}
+
+bool StoreLock::confirm() {
+  if (!held()) return false;
+  if (m_lock->stillInPlace()) return true;
+  m_lock->close();
+  acquire(true);
+  return held();
+}
+
+fs::ReadResult StoreLock::stamp(const std::string &name, fs::FileStamp &stamp) const {
+  return m_lock->statBeside(name, stamp);
+}
+
 bool StoreLock::bump() {
-  if (!m_lock.held() || !m_lock.writeCounter(m_generation + 1)) return false;
+  if (!m_lock->held() || !m_lock->writeCounter(m_generation + 1)) return false;
   ++m_generation;
   return true;
 }
@@ -276,8 +341,8 @@ ULONG loadDevice(const DeviceLocation &device, DeviceRecord &record) {
   }
   std::shared_ptr<const DeviceRecord> shared;
   bool decoded = true;
-  switch (loadRecord(state().devices, fs::join(device.directory(), kDeviceFile), lock,
-                     decodeDevice, shared, decoded)) {
+  switch (loadRecord(state().devices, device.directory(), kDeviceFile, lock, decodeDevice, shared,
+                     decoded)) {
     case fs::ReadResult::NotFound:
       return SAR_INVALIDPARAMERR;
     case fs::ReadResult::Error:
@@ -298,11 +363,11 @@ ULONG loadPresentDevice(const DeviceLocation &device, DeviceRecord &record) {
 
 ULONG saveDevice(const DeviceLocation &device, const DeviceRecord &record) {
   WriteLock lock(device);
-  if (!lock->held()) return lock->deviceMissing() ? SAR_DEVICE_REMOVED : SAR_FILEERR;
-  if (!beginWrite(*lock, device)) return SAR_WRITEFILEERR;
+  ULONG rv = beginWrite(*lock, device);
+  if (rv != SAR_OK) return rv;
   const std::string path = fs::join(device.directory(), kDeviceFile);
   if (!fs::writeFileAtomic(path, encodeDevice(record))) return SAR_WRITEFILEERR;
-  remember(state().devices, path, *lock, record);
+  remember(state().devices, device.directory(), kDeviceFile, *lock, record);
   return SAR_OK;
 }
 
@@ -351,8 +416,8 @@ ULONG removeDevice(const DeviceLocation &device) {
           return SAR_FILEERR;
       }
     }
-    forgetDirectory(directory);
   }
+  forgetDirectory(directory);  // the records, and the open lock file
   return fs::removeTree(directory) ? SAR_OK : SAR_FILEERR;
 }
 
@@ -396,7 +461,7 @@ ULONG loadApplication(const DeviceLocation &device, const std::string &name,
   }
   std::shared_ptr<const ApplicationRecord> shared;
   bool decoded = true;
-  switch (loadRecord(state().applications, applicationPath(device, name), lock,
+  switch (loadRecord(state().applications, device.directory(), applicationFile(name), lock,
                      decodeApplication, shared, decoded)) {
     case fs::ReadResult::NotFound:
       return SAR_APPLICATION_NOT_EXISTS;
@@ -420,20 +485,20 @@ ULONG loadApplication(const DeviceLocation &device, const std::string &name,
 
 ULONG saveApplication(const DeviceLocation &device, const ApplicationRecord &app) {
   WriteLock lock(device);
-  if (!lock->held()) return lock->deviceMissing() ? SAR_DEVICE_REMOVED : SAR_FILEERR;
-  if (!beginWrite(*lock, device)) return SAR_WRITEFILEERR;
+  ULONG rv = beginWrite(*lock, device);
+  if (rv != SAR_OK) return rv;
   const std::string path = applicationPath(device, app.name);
   if (!fs::writeFileAtomic(path, encodeApplication(app))) return SAR_WRITEFILEERR;
-  remember(state().applications, path, *lock, app);
+  remember(state().applications, device.directory(), applicationFile(app.name), *lock, app);
   return SAR_OK;
 }
 
 ULONG removeApplication(const DeviceLocation &device, const std::string &name) {
   WriteLock lock(device);
-  if (!lock->held()) return lock->deviceMissing() ? SAR_DEVICE_REMOVED : SAR_FILEERR;
   std::string path = applicationPath(device, name);
   if (!fs::exists(path)) return SAR_APPLICATION_NOT_EXISTS;
-  if (!beginWrite(*lock, device)) return SAR_FILEERR;
+  ULONG rv = beginWrite(*lock, device);
+  if (rv != SAR_OK) return rv;
   bool removed = fs::removeFile(path);
   {
     StoreState &s = state();

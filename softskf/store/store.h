@@ -52,17 +52,27 @@ class StoreLock {
   ~StoreLock();
   StoreLock(const StoreLock &) = delete;
   StoreLock &operator=(const StoreLock &) = delete;
-  bool held() const { return m_lock.held(); }
+  bool held() const { return m_lock->held(); }
   // The device directory did not exist.
   bool deviceMissing() const { return m_missing; }
   uint64_t generation() const { return m_generation; }
   // Counts a write of the device's records; false if the counter cannot be
   // written.
   bool bump();
+  // The stamp of one of the device's files.
+  fs::ReadResult stamp(const std::string &name, fs::FileStamp &stamp) const;
+  // Makes sure the lock held is on the device's lock file as it is now: a
+  // lock file kept open from an earlier call may have gone with its device
+  // (and the device been made anew). False when the device is gone.
+  bool confirm();
 
  private:
+  void acquire(bool verify);
   std::string m_directory;
-  fs::FileLock m_lock;
+  fs::FileLock *m_lock;  // the process's open lock file of the device
+#ifdef _WIN32
+  fs::FileLock m_own;  // opened for this lock alone: an open file keeps a removal from completing
+#endif
   bool m_missing = false;
   uint64_t m_generation = 0;
   StoreLock *m_outer = nullptr;
