@@ -151,7 +151,15 @@ ReadResult readFile(const std::string &path, std::vector<uint8_t> &bytes, FileSt
   bytes.clear();
   uint8_t buf[16384];
   ReadResult result = ReadResult::Ok;
-  for (;;) {
+  if (stamp != nullptr) {
+    BY_HANDLE_FILE_INFORMATION info;
+    if (GetFileInformationByHandle(h, &info)) {
+      stampOf(info, *stamp);
+    } else {
+      result = ReadResult::Error;
+    }
+  }
+  while (result == ReadResult::Ok) {
     DWORD got = 0;
     if (!ReadFile(h, buf, sizeof buf, &got, nullptr)) {
       result = ReadResult::Error;
