@@ -5,7 +5,6 @@
 #include "crypto/der.h"
 #include "crypto/key_formats.h"
 #include "crypto/sm2_z.h"
-#include "softskf/provision/sha256.h"
 
 namespace tembra {
 namespace cli {
@@ -19,7 +18,7 @@ std::vector<uint8_t> digestInfo(const std::vector<uint8_t> &message, HashKind ha
   uint8_t digest[32];
   der::Bytes algorithm;
   if (hash == HashKind::Sha256) {
-    sha256(message.data(), message.size(), digest);
+    if (!crypto::sha256(message.data(), message.size(), digest)) throw CliError("SHA-256 failed");
     der::oid(kOidSha256, algorithm);
   } else {
     if (!crypto::sm3(message.data(), message.size(), digest)) throw CliError("SM3 failed");

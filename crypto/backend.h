@@ -47,6 +47,11 @@ class Sm3 {
 
 bool sm3(const uint8_t *data, size_t len, uint8_t out[kSm3DigestSize]);
 
+// ---- SHA-256 ----------------------------------------------------------------
+constexpr size_t kSha256DigestSize = 32;
+
+bool sha256(const uint8_t *data, size_t len, uint8_t out[kSha256DigestSize]);
+
 // ---- SM4 ------------------------------------------------------------------
 constexpr size_t kSm4KeySize = 16;
 constexpr size_t kSm4BlockSize = 16;
@@ -93,6 +98,28 @@ bool sm2Encrypt(const Sm2PublicKey &publicKey, const uint8_t *message, size_t le
 bool sm2Decrypt(const uint8_t d[kSm2ScalarSize], const uint8_t *cipher, size_t len,
                 SecureBytes &message);
 
+// A private key made ready once for many operations: the backend's own key
+// object with its precomputation (blinding, Montgomery set-up). Safe to use
+// from several threads at once; the destructor wipes and frees it.
+class PreparedSm2Key {
+ public:
+  // Null for d = 0, d >= n - 1 or a backend failure.
+  static std::unique_ptr<PreparedSm2Key> create(const uint8_t d[kSm2ScalarSize]);
+  ~PreparedSm2Key();
+  PreparedSm2Key(const PreparedSm2Key &) = delete;
+  PreparedSm2Key &operator=(const PreparedSm2Key &) = delete;
+  // As sm2Sign: e is signed as given.
+  bool sign(const uint8_t e[kSm3DigestSize], uint8_t r[kSm2ScalarSize],
+            uint8_t s[kSm2ScalarSize]) const;
+  // As sm2Decrypt: flat C1 || C2 || C3.
+  bool decrypt(const uint8_t *cipher, size_t len, SecureBytes &message) const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> m_state;
+  PreparedSm2Key();
+};
+
 // ---- RSA ------------------------------------------------------------------
 struct RsaPublicKey {
   std::vector<uint8_t> n;  // modulus, no leading zero byte
@@ -118,6 +145,25 @@ bool rsaEncryptPkcs1(const RsaPublicKey &key, const uint8_t *data, size_t len,
                      std::vector<uint8_t> &cipher);
 bool rsaDecryptPkcs1(const RsaPrivateKey &key, const uint8_t *cipher, size_t len,
                      SecureBytes &message);
+
+// The RSA counterpart of PreparedSm2Key.
+class PreparedRsaKey {
+ public:
+  static std::unique_ptr<PreparedRsaKey> create(const RsaPrivateKey &key);  // null on failure
+  ~PreparedRsaKey();
+  PreparedRsaKey(const PreparedRsaKey &) = delete;
+  PreparedRsaKey &operator=(const PreparedRsaKey &) = delete;
+  // The modulus length in bytes, which is also the signature length.
+  size_t modulusSize() const;
+  // As rsaSignPkcs1 and rsaDecryptPkcs1.
+  bool signPkcs1(const uint8_t *data, size_t len, std::vector<uint8_t> &signature) const;
+  bool decryptPkcs1(const uint8_t *cipher, size_t len, SecureBytes &message) const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> m_state;
+  PreparedRsaKey();
+};
 
 }  // namespace crypto
 }  // namespace tembra

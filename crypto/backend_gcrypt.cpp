@@ -1,18 +1,23 @@
 // The crypto backend on libgcrypt (the Windows build links it statically).
 //
-// SM3 and SM4 use libgcrypt's digests and ciphers. SM2 is computed here on
-// libgcrypt's big-number and elliptic-curve arithmetic, because the callers
-// sign a digest e that already contains Z and use the flat C1||C2||C3
-// ciphertext. RSA pads here (PKCS#1 v1.5 types 1 and 2) and exponentiates
-// on libgcrypt's numbers, so both backends give byte-identical encodings and
-// accept and reject the same inputs. libgcrypt's s-expressions are not used:
-// their buffers are freed unwiped when secure memory is off.
+// SM3 and SM4 use libgcrypt's digests and ciphers. SM2 signatures are made and
+// checked by gcry_pk_sign/gcry_pk_verify with the `sm2` flag, which sign the
+// digest e as given. SM2 encryption and decryption stay computed here on
+// libgcrypt's constant-time scalar multiplication: its own SM2 encryption
+// (1.10) turns the message into a number, losing leading zero bytes and
+// refusing an empty one, and hashes x2 and y2 at their minimal length, so its
+// C3 is wrong (and a correct one refused) whenever either starts with a zero
+// byte. RSA pads here (PKCS#1 v1.5 types 1 and 2) and exponentiates on
+// libgcrypt's numbers, so both backends give byte-identical encodings and
+// accept and reject the same inputs.
 //
-// Every big number that holds a secret lives in libgcrypt memory, which
-// libgcrypt wipes when the number is released; our own buffers are wiped with
-// secureZero.
+// libgcrypt frees s-expression buffers unwiped when secure memory is off
+// (which it is: see libraryReady), so when we initialise the library we give
+// it allocation functions that wipe every block they free. Big numbers that
+// hold secrets are also flagged secure, which selects constant-time code.
 #include <gcrypt.h>
 #include <stdarg.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <limits>
@@ -33,6 +38,46 @@ namespace {
 // end in libgcrypt's own abort.
 void discardLibraryLog(void *, int, const char *, va_list) {}
 
+// libgcrypt's allocations, each with its size stored in front of it so that
+// it can be wiped when freed. The header keeps malloc's alignment.
+constexpr size_t kBlockHeader = 16;
+
+void *wipingAlloc(size_t n) {
+  if (n > std::numeric_limits<size_t>::max() - kBlockHeader) return nullptr;
+  auto *block = static_cast<unsigned char *>(malloc(n + kBlockHeader));
+  if (block == nullptr) return nullptr;
+  memcpy(block, &n, sizeof n);
+  return block + kBlockHeader;
+}
+
+size_t blockSize(const void *p) {
+  size_t n = 0;
+  memcpy(&n, static_cast<const unsigned char *>(p) - kBlockHeader, sizeof n);
+  return n;
+}
+
+void wipingFree(void *p) {
+  if (p == nullptr) return;
+  unsigned char *block = static_cast<unsigned char *>(p) - kBlockHeader;
+  secureZero(block, blockSize(p) + kBlockHeader);
+  free(block);
+}
+
+void *wipingRealloc(void *p, size_t n) {
+  if (p == nullptr) return wipingAlloc(n);
+  void *moved = wipingAlloc(n);
+  if (moved == nullptr) return nullptr;
+  const size_t old = blockSize(p);
+  memcpy(moved, p, old < n ? old : n);
+  wipingFree(p);
+  return moved;
+}
+
+// No block is in locked memory; libgcrypt then treats all alike.
+int neverSecure(const void *) {
+  return 0;
+}
+
 // libgcrypt must be initialised once per process before any other call. The
 // function-local static makes this thread-safe. Secure memory is not used
 // (it needs mlock, which Wine and containers may refuse); libgcrypt still
@@ -42,6 +87,9 @@ bool libraryReady() {
   static const bool ready = [] {
     if (gcry_check_version(GCRYPT_VERSION) == nullptr) return false;
     if (gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P)) return true;
+    // Nothing libgcrypt has allocated so far is ever freed (its constants),
+    // so every block it frees from here on comes from wipingAlloc.
+    gcry_set_allocation_handler(wipingAlloc, wipingAlloc, neverSecure, wipingRealloc, wipingFree);
     gcry_set_log_handler(discardLibraryLog, nullptr);
     gcry_control(GCRYCTL_DISABLE_SECMEM_WARN);
     gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
@@ -68,12 +116,16 @@ struct CipherDeleter {
 struct DigestDeleter {
   void operator()(gcry_md_handle *p) const { gcry_md_close(p); }
 };
+struct SexpDeleter {
+  void operator()(gcry_sexp *p) const { gcry_sexp_release(p); }
+};
 
 using Mpi = std::unique_ptr<gcry_mpi, MpiDeleter>;
 using Point = std::unique_ptr<gcry_mpi_point, PointDeleter>;
 using Context = std::unique_ptr<gcry_context, ContextDeleter>;
 using Cipher = std::unique_ptr<gcry_cipher_handle, CipherDeleter>;
 using Digest = std::unique_ptr<gcry_md_handle, DigestDeleter>;
+using Sexp = std::unique_ptr<gcry_sexp, SexpDeleter>;
 
 Mpi newMpi() {
   return Mpi(gcry_mpi_new(0));
@@ -227,6 +279,8 @@ struct Sm2Curve {
     if (gcry_mpi_cmp_ui(md.get(), 0) == 0 || gcry_mpi_cmp(md.get(), limit.get()) >= 0) {
       return nullptr;
     }
+    // A secure scalar takes libgcrypt's constant-time multiplication.
+    gcry_mpi_set_flag(md.get(), GCRYMPI_FLAG_SECURE);
     return md;
   }
 
@@ -245,7 +299,6 @@ struct Sm2Curve {
     return false;
   }
 };
-
 
 // C3 = SM3(x2 || M || y2).
 bool sm2Check(const uint8_t *x2y2, const uint8_t *message, size_t len, uint8_t *out) {
@@ -299,20 +352,43 @@ Mpi secretFrom(const uint8_t *p, size_t len) {
   return m;
 }
 
+// A private key read once into libgcrypt numbers.
+struct RsaSecret {
+  RsaNumbers numbers;
+  Mpi d, p, q, dp, dq, qinv;
+  bool crt = false;
+
+  bool load(const RsaPrivateKey &key) {
+    if (!numbers.load(key.publicKey) || key.d.empty()) return false;
+    d = secretFrom(key.d.data(), key.d.size());
+    if (!d) return false;
+    if (!key.p.empty() && !key.q.empty() && !key.dp.empty() && !key.dq.empty() &&
+        !key.qinv.empty()) {
+      p = secretFrom(key.p.data(), key.p.size());
+      q = secretFrom(key.q.data(), key.q.size());
+      dp = secretFrom(key.dp.data(), key.dp.size());
+      dq = secretFrom(key.dq.data(), key.dq.size());
+      qinv = secretFrom(key.qinv.data(), key.qinv.size());
+      if (!p || !q || !dp || !dq || !qinv) return false;
+      crt = gcry_mpi_cmp_ui(p.get(), 1) > 0 && gcry_mpi_cmp_ui(q.get(), 1) > 0;
+    }
+    return true;
+  }
+};
+
 // x^d mod n over a block of exactly modulusLen bytes, written back in place.
-// Computed here on libgcrypt numbers rather than through its s-expression
-// interface, whose buffers would carry the key and the plaintext unwiped.
+// Computed here on libgcrypt numbers, so that both backends pad alike.
 // The input is blinded with a random r (x r^e), the exponentiation runs by
 // CRT when p, q, dp, dq and qinv are all present (qinv = q^-1 mod p), and a
 // CRT result that does not check out under e is recomputed with d, as the
-// OpenSSL backend does.
-bool rsaPrivateOp(const RsaPrivateKey &key, const RsaNumbers &numbers, uint8_t *block) {
-  if (key.d.empty()) return false;
+// OpenSSL backend does. The key's numbers are only read, so one key serves
+// several threads.
+bool rsaPrivateOp(const RsaSecret &key, uint8_t *block) {
+  const RsaNumbers &numbers = key.numbers;
   gcry_mpi_t n = numbers.n.get();
-  Mpi d = secretFrom(key.d.data(), key.d.size());
   Mpi x = secretFrom(block, numbers.modulusLen);
   Mpi r = newMpi(), rInverse = newMpi(), blinded = newMpi(), y = newMpi(), check = newMpi();
-  if (!d || !x || !r || !rInverse || !blinded || !y || !check) return false;
+  if (!x || !r || !rInverse || !blinded || !y || !check) return false;
   if (gcry_mpi_cmp(x.get(), n) >= 0) return false;
   gcry_mpi_set_flag(blinded.get(), GCRYMPI_FLAG_SECURE);
   gcry_mpi_set_flag(y.get(), GCRYMPI_FLAG_SECURE);
@@ -329,33 +405,26 @@ bool rsaPrivateOp(const RsaPrivateKey &key, const RsaNumbers &numbers, uint8_t *
   gcry_mpi_mulm(blinded.get(), blinded.get(), x.get(), n);
 
   bool done = false;
-  if (!key.p.empty() && !key.q.empty() && !key.dp.empty() && !key.dq.empty() && !key.qinv.empty()) {
-    Mpi p = secretFrom(key.p.data(), key.p.size());
-    Mpi q = secretFrom(key.q.data(), key.q.size());
-    Mpi dp = secretFrom(key.dp.data(), key.dp.size());
-    Mpi dq = secretFrom(key.dq.data(), key.dq.size());
-    Mpi qinv = secretFrom(key.qinv.data(), key.qinv.size());
+  if (key.crt) {
     Mpi m1 = newMpi(), m2 = newMpi(), h = newMpi();
-    if (!p || !q || !dp || !dq || !qinv || !m1 || !m2 || !h) return false;
-    if (gcry_mpi_cmp_ui(p.get(), 1) > 0 && gcry_mpi_cmp_ui(q.get(), 1) > 0) {
-      gcry_mpi_set_flag(m1.get(), GCRYMPI_FLAG_SECURE);
-      gcry_mpi_set_flag(m2.get(), GCRYMPI_FLAG_SECURE);
-      gcry_mpi_set_flag(h.get(), GCRYMPI_FLAG_SECURE);
-      // m1 = c^dp mod p, m2 = c^dq mod q, h = qinv (m1 - m2) mod p, y = m2 + h q.
-      gcry_mpi_mod(h.get(), blinded.get(), p.get());
-      gcry_mpi_powm(m1.get(), h.get(), dp.get(), p.get());
-      gcry_mpi_mod(h.get(), blinded.get(), q.get());
-      gcry_mpi_powm(m2.get(), h.get(), dq.get(), q.get());
-      gcry_mpi_subm(h.get(), m1.get(), m2.get(), p.get());
-      gcry_mpi_mulm(h.get(), h.get(), qinv.get(), p.get());
-      gcry_mpi_mul(h.get(), h.get(), q.get());
-      gcry_mpi_add(y.get(), m2.get(), h.get());
-      gcry_mpi_powm(check.get(), y.get(), numbers.e.get(), n);
-      done = gcry_mpi_cmp(y.get(), n) < 0 && gcry_mpi_cmp(check.get(), blinded.get()) == 0;
-    }
+    if (!m1 || !m2 || !h) return false;
+    gcry_mpi_set_flag(m1.get(), GCRYMPI_FLAG_SECURE);
+    gcry_mpi_set_flag(m2.get(), GCRYMPI_FLAG_SECURE);
+    gcry_mpi_set_flag(h.get(), GCRYMPI_FLAG_SECURE);
+    // m1 = c^dp mod p, m2 = c^dq mod q, h = qinv (m1 - m2) mod p, y = m2 + h q.
+    gcry_mpi_mod(h.get(), blinded.get(), key.p.get());
+    gcry_mpi_powm(m1.get(), h.get(), key.dp.get(), key.p.get());
+    gcry_mpi_mod(h.get(), blinded.get(), key.q.get());
+    gcry_mpi_powm(m2.get(), h.get(), key.dq.get(), key.q.get());
+    gcry_mpi_subm(h.get(), m1.get(), m2.get(), key.p.get());
+    gcry_mpi_mulm(h.get(), h.get(), key.qinv.get(), key.p.get());
+    gcry_mpi_mul(h.get(), h.get(), key.q.get());
+    gcry_mpi_add(y.get(), m2.get(), h.get());
+    gcry_mpi_powm(check.get(), y.get(), numbers.e.get(), n);
+    done = gcry_mpi_cmp(y.get(), n) < 0 && gcry_mpi_cmp(check.get(), blinded.get()) == 0;
   }
   if (!done) {
-    gcry_mpi_powm(y.get(), blinded.get(), d.get(), n);
+    gcry_mpi_powm(y.get(), blinded.get(), key.d.get(), n);
     gcry_mpi_powm(check.get(), y.get(), numbers.e.get(), n);
     if (gcry_mpi_cmp(check.get(), blinded.get()) != 0) return false;
   }
@@ -423,6 +492,15 @@ bool sm3(const uint8_t *data, size_t len, uint8_t out[kSm3DigestSize]) {
   return hash.update(data, len) && hash.final(out);
 }
 
+// ---- SHA-256 ------------------------------------------------------------------
+
+bool sha256(const uint8_t *data, size_t len, uint8_t out[kSha256DigestSize]) {
+  if (out == nullptr || (data == nullptr && len > 0) || !libraryReady()) return false;
+  const uint8_t none = 0;
+  gcry_md_hash_buffer(GCRY_MD_SHA256, out, len > 0 ? data : &none, len);
+  return true;
+}
+
 // ---- SM4 ----------------------------------------------------------------------
 
 bool sm4Ecb(bool encrypt, const uint8_t key[kSm4KeySize], const uint8_t *in, size_t len,
@@ -477,66 +555,138 @@ bool sm2ValidatePublic(const Sm2PublicKey &publicKey) {
   return curve.open() && static_cast<bool>(curve.pointFrom(publicKey.x, publicKey.y));
 }
 
+namespace {
+
+// The SM2 public key as an s-expression, its point checked against the curve.
+Sexp sm2PublicSexp(Sm2Curve &curve, const Sm2PublicKey &publicKey) {
+  if (!curve.pointFrom(publicKey.x, publicKey.y)) return nullptr;
+  uint8_t point[1 + 2 * kSm2ScalarSize];
+  point[0] = 0x04;
+  memcpy(point + 1, publicKey.x, kSm2ScalarSize);
+  memcpy(point + 1 + kSm2ScalarSize, publicKey.y, kSm2ScalarSize);
+  gcry_sexp_t raw = nullptr;
+  if (gcry_sexp_build(&raw, nullptr, "(public-key(ecc(curve sm2p256v1)(q %b)))",
+                      static_cast<int>(sizeof point), point) != 0) {
+    return nullptr;
+  }
+  return Sexp(raw);
+}
+
+// The digest e to be signed as given: the `sm2` flag takes it as the e of
+// the signature equations and adds no Z.
+Sexp sm2DigestSexp(const uint8_t e[kSm3DigestSize]) {
+  gcry_sexp_t raw = nullptr;
+  if (gcry_sexp_build(&raw, nullptr, "(data(flags sm2)(hash sm3 %b))",
+                      static_cast<int>(kSm3DigestSize), e) != 0) {
+    return nullptr;
+  }
+  return Sexp(raw);
+}
+
+// The decryption of a flat ciphertext with a checked, secure scalar d.
+bool sm2DecryptWith(gcry_mpi_t md, const uint8_t *cipher, size_t len, SecureBytes &message) {
+  Sm2Curve curve;
+  if (cipher == nullptr || len < kSm2CipherOverhead || cipher[0] != 0x04 || !curve.open()) {
+    return false;
+  }
+  Point c1 = curve.pointFrom(cipher + 1, cipher + 33);
+  Point shared(gcry_mpi_point_new(0));
+  if (!c1 || !shared) return false;
+  const size_t plainLen = len - kSm2CipherOverhead;
+  const uint8_t *c2 = cipher + 65;
+  const uint8_t *c3 = c2 + plainLen;
+  SecureArray<2 * kSm2ScalarSize> x2y2;
+  gcry_mpi_ec_mul(shared.get(), md, c1.get(), curve.ctx.get());
+  if (!curve.affine(shared.get(), x2y2.data(), x2y2.data() + kSm2ScalarSize)) return false;
+  SecureBytes plain(plainLen);
+  if (!sm2Kdf(x2y2.data(), x2y2.size(), plain.data(), plainLen)) return false;
+  if (plainLen > 0 && allZero(plain.data(), plainLen)) return false;
+  for (size_t i = 0; i < plainLen; ++i) plain[i] ^= c2[i];
+  uint8_t check[kSm3DigestSize];
+  if (!sm2Check(x2y2.data(), plain.data(), plainLen, check)) return false;
+  uint8_t diff = 0;
+  for (size_t i = 0; i < kSm3DigestSize; ++i) diff |= static_cast<uint8_t>(check[i] ^ c3[i]);
+  if (diff != 0) return false;
+  message = std::move(plain);
+  return true;
+}
+
+}  // namespace
+
+struct PreparedSm2Key::State {
+  Mpi d;     // secure: wiped on release
+  Sexp key;  // freed through wipingFree
+};
+
+PreparedSm2Key::PreparedSm2Key() : m_state(new State) {}
+
+PreparedSm2Key::~PreparedSm2Key() = default;
+
+std::unique_ptr<PreparedSm2Key> PreparedSm2Key::create(const uint8_t d[kSm2ScalarSize]) {
+  Sm2Curve curve;
+  if (d == nullptr || !curve.open()) return nullptr;
+  std::unique_ptr<PreparedSm2Key> prepared(new PreparedSm2Key);
+  State &state = *prepared->m_state;
+  state.d = curve.privateScalar(d);
+  if (!state.d) return nullptr;
+  gcry_sexp_t raw = nullptr;
+  if (gcry_sexp_build(&raw, nullptr, "(private-key(ecc(curve sm2p256v1)(d %m)))", state.d.get()) !=
+      0) {
+    return nullptr;
+  }
+  state.key.reset(raw);
+  return prepared;
+}
+
+bool PreparedSm2Key::sign(const uint8_t e[kSm3DigestSize], uint8_t r[kSm2ScalarSize],
+                          uint8_t s[kSm2ScalarSize]) const {
+  if (e == nullptr || r == nullptr || s == nullptr) return false;
+  Sexp data = sm2DigestSexp(e);
+  gcry_sexp_t raw = nullptr;
+  if (!data || gcry_pk_sign(&raw, data.get(), m_state->key.get()) != 0) return false;
+  Sexp signature(raw);
+  gcry_mpi_t rawR = nullptr;
+  gcry_mpi_t rawS = nullptr;
+  if (gcry_sexp_extract_param(signature.get(), "sig-val!sm2", "rs", &rawR, &rawS, nullptr) != 0) {
+    return false;
+  }
+  Mpi mr(rawR);
+  Mpi ms(rawS);
+  return mpiToFixed(mr.get(), r, kSm2ScalarSize) && mpiToFixed(ms.get(), s, kSm2ScalarSize);
+}
+
+bool PreparedSm2Key::decrypt(const uint8_t *cipher, size_t len, SecureBytes &message) const {
+  return sm2DecryptWith(m_state->d.get(), cipher, len, message);
+}
+
 bool sm2Sign(const uint8_t d[kSm2ScalarSize], const uint8_t e[kSm3DigestSize],
              uint8_t r[kSm2ScalarSize], uint8_t s[kSm2ScalarSize]) {
-  Sm2Curve curve;
-  if (d == nullptr || e == nullptr || r == nullptr || s == nullptr || !curve.open()) return false;
-  gcry_mpi_t n = curve.n.get();
-  Mpi md = curve.privateScalar(d);
-  Mpi me = mpiFrom(e, kSm3DigestSize);
-  Mpi k = newMpi(), mr = newMpi(), ms = newMpi(), tmp = newMpi(), inv = newMpi();
-  Point kg(gcry_mpi_point_new(0));
-  if (!md || !me || !k || !mr || !ms || !tmp || !inv || !kg) return false;
-  // (1 + d)^-1 mod n; d <= n - 2 keeps 1 + d invertible.
-  gcry_mpi_add_ui(tmp.get(), md.get(), 1);
-  if (!gcry_mpi_invm(inv.get(), tmp.get(), n)) return false;
-  for (int attempt = 0; attempt < 64; ++attempt) {
-    if (!curve.randomBelow(n, k.get())) return false;
-    gcry_mpi_ec_mul(kg.get(), k.get(), curve.g.get(), curve.ctx.get());
-    Mpi x1 = curve.affineX(kg.get());
-    if (!x1) return false;
-    // r = (e + x1) mod n; retry on r = 0 or r + k = n.
-    gcry_mpi_addm(mr.get(), me.get(), x1.get(), n);
-    if (gcry_mpi_cmp_ui(mr.get(), 0) == 0) continue;
-    gcry_mpi_add(tmp.get(), mr.get(), k.get());
-    if (gcry_mpi_cmp(tmp.get(), n) == 0) continue;
-    // s = (1 + d)^-1 (k - r d) mod n; retry on s = 0.
-    gcry_mpi_mulm(tmp.get(), mr.get(), md.get(), n);
-    gcry_mpi_subm(tmp.get(), k.get(), tmp.get(), n);
-    gcry_mpi_mulm(ms.get(), inv.get(), tmp.get(), n);
-    if (gcry_mpi_cmp_ui(ms.get(), 0) == 0) continue;
-    return mpiToFixed(mr.get(), r, kSm2ScalarSize) && mpiToFixed(ms.get(), s, kSm2ScalarSize);
-  }
-  return false;
+  std::unique_ptr<PreparedSm2Key> key = PreparedSm2Key::create(d);
+  return key && key->sign(e, r, s);
 }
 
 bool sm2Verify(const Sm2PublicKey &publicKey, const uint8_t e[kSm3DigestSize],
                const uint8_t r[kSm2ScalarSize], const uint8_t s[kSm2ScalarSize]) {
   Sm2Curve curve;
   if (e == nullptr || r == nullptr || s == nullptr || !curve.open()) return false;
-  gcry_mpi_t n = curve.n.get();
-  Point pub = curve.pointFrom(publicKey.x, publicKey.y);
-  Mpi me = mpiFrom(e, kSm3DigestSize);
   Mpi mr = mpiFrom(r, kSm2ScalarSize);
   Mpi ms = mpiFrom(s, kSm2ScalarSize);
-  Mpi t = newMpi(), check = newMpi();
-  Point sg(gcry_mpi_point_new(0)), tp(gcry_mpi_point_new(0)), sum(gcry_mpi_point_new(0));
-  if (!pub || !me || !mr || !ms || !t || !check || !sg || !tp || !sum) return false;
+  if (!mr || !ms) return false;
   // r, s in [1, n - 1].
+  gcry_mpi_t n = curve.n.get();
   if (gcry_mpi_cmp_ui(mr.get(), 0) == 0 || gcry_mpi_cmp(mr.get(), n) >= 0 ||
       gcry_mpi_cmp_ui(ms.get(), 0) == 0 || gcry_mpi_cmp(ms.get(), n) >= 0) {
     return false;
   }
-  gcry_mpi_addm(t.get(), mr.get(), ms.get(), n);
-  if (gcry_mpi_cmp_ui(t.get(), 0) == 0) return false;
-  // (x1, y1) = s G + t P, which must not be the point at infinity.
-  gcry_mpi_ec_mul(sg.get(), ms.get(), curve.g.get(), curve.ctx.get());
-  gcry_mpi_ec_mul(tp.get(), t.get(), pub.get(), curve.ctx.get());
-  gcry_mpi_ec_add(sum.get(), sg.get(), tp.get(), curve.ctx.get());
-  Mpi x1 = curve.affineX(sum.get());
-  if (!x1) return false;
-  gcry_mpi_addm(check.get(), me.get(), x1.get(), n);
-  return gcry_mpi_cmp(check.get(), mr.get()) == 0;
+  Sexp key = sm2PublicSexp(curve, publicKey);
+  Sexp data = sm2DigestSexp(e);
+  gcry_sexp_t raw = nullptr;
+  if (!key || !data ||
+      gcry_sexp_build(&raw, nullptr, "(sig-val(sm2(r %m)(s %m)))", mr.get(), ms.get()) != 0) {
+    return false;
+  }
+  Sexp signature(raw);
+  return gcry_pk_verify(signature.get(), data.get(), key.get()) == 0;
 }
 
 bool sm2Encrypt(const Sm2PublicKey &publicKey, const uint8_t *message, size_t len,
@@ -575,32 +725,8 @@ bool sm2Encrypt(const Sm2PublicKey &publicKey, const uint8_t *message, size_t le
 
 bool sm2Decrypt(const uint8_t d[kSm2ScalarSize], const uint8_t *cipher, size_t len,
                 SecureBytes &message) {
-  Sm2Curve curve;
-  if (d == nullptr || cipher == nullptr || len < kSm2CipherOverhead || cipher[0] != 0x04 ||
-      !curve.open()) {
-    return false;
-  }
-  Mpi md = curve.privateScalar(d);
-  Point c1 = curve.pointFrom(cipher + 1, cipher + 33);
-  Point shared(gcry_mpi_point_new(0));
-  if (!md || !c1 || !shared) return false;
-  const size_t plainLen = len - kSm2CipherOverhead;
-  const uint8_t *c2 = cipher + 65;
-  const uint8_t *c3 = c2 + plainLen;
-  SecureArray<2 * kSm2ScalarSize> x2y2;
-  gcry_mpi_ec_mul(shared.get(), md.get(), c1.get(), curve.ctx.get());
-  if (!curve.affine(shared.get(), x2y2.data(), x2y2.data() + kSm2ScalarSize)) return false;
-  SecureBytes plain(plainLen);
-  if (!sm2Kdf(x2y2.data(), x2y2.size(), plain.data(), plainLen)) return false;
-  if (plainLen > 0 && allZero(plain.data(), plainLen)) return false;
-  for (size_t i = 0; i < plainLen; ++i) plain[i] ^= c2[i];
-  uint8_t check[kSm3DigestSize];
-  if (!sm2Check(x2y2.data(), plain.data(), plainLen, check)) return false;
-  uint8_t diff = 0;
-  for (size_t i = 0; i < kSm3DigestSize; ++i) diff |= static_cast<uint8_t>(check[i] ^ c3[i]);
-  if (diff != 0) return false;
-  message = std::move(plain);
-  return true;
+  std::unique_ptr<PreparedSm2Key> key = PreparedSm2Key::create(d);
+  return key && key->decrypt(cipher, len, message);
 }
 
 // ---- RSA ----------------------------------------------------------------------
@@ -670,22 +796,61 @@ bool rsaGenerate(int bits, RsaPrivateKey &key) {
   return true;
 }
 
-bool rsaSignPkcs1(const RsaPrivateKey &key, const uint8_t *data, size_t len,
-                  std::vector<uint8_t> &signature) {
+struct PreparedRsaKey::State {
+  RsaSecret secret;
+};
+
+PreparedRsaKey::PreparedRsaKey() : m_state(new State) {}
+
+PreparedRsaKey::~PreparedRsaKey() = default;
+
+std::unique_ptr<PreparedRsaKey> PreparedRsaKey::create(const RsaPrivateKey &key) {
+  std::unique_ptr<PreparedRsaKey> prepared(new PreparedRsaKey);
+  if (!prepared->m_state->secret.load(key)) return nullptr;
+  return prepared;
+}
+
+size_t PreparedRsaKey::modulusSize() const {
+  return m_state->secret.numbers.modulusLen;
+}
+
+bool PreparedRsaKey::signPkcs1(const uint8_t *data, size_t len,
+                               std::vector<uint8_t> &signature) const {
   if (data == nullptr && len > 0) return false;
-  RsaNumbers numbers;
-  if (!numbers.load(key.publicKey) || len > numbers.modulusLen - kPkcs1Overhead) return false;
+  const size_t k = modulusSize();
+  if (len > k - kPkcs1Overhead) return false;
   // 00 || 01 || FF ... FF || 00 || data
-  const size_t k = numbers.modulusLen;
   SecureBytes block(k);
   block[0] = 0x00;
   block[1] = 0x01;
   memset(block.data() + 2, 0xFF, k - 3 - len);
   block[k - len - 1] = 0x00;
   if (len > 0) memcpy(block.data() + (k - len), data, len);
-  if (!rsaPrivateOp(key, numbers, block.data())) return false;
+  if (!rsaPrivateOp(m_state->secret, block.data())) return false;
   signature.assign(block.data(), block.data() + k);
   return true;
+}
+
+bool PreparedRsaKey::decryptPkcs1(const uint8_t *cipher, size_t len, SecureBytes &message) const {
+  const size_t k = modulusSize();
+  if (cipher == nullptr || len != k) return false;
+  SecureBytes block(cipher, k);
+  if (!rsaPrivateOp(m_state->secret, block.data())) return false;
+  if (block[0] != 0x00 || block[1] != 0x02) return false;
+  size_t i = 2;
+  while (i < k && block[i] != 0x00) ++i;
+  // At least eight padding bytes, then the 00 separator.
+  if (i - 2 < 8 || i >= k) return false;
+  ++i;
+  SecureBytes out(block.data() + i, k - i);
+  message = std::move(out);
+  return true;
+}
+
+bool rsaSignPkcs1(const RsaPrivateKey &key, const uint8_t *data, size_t len,
+                  std::vector<uint8_t> &signature) {
+  std::unique_ptr<PreparedRsaKey> prepared = PreparedRsaKey::create(key);
+  return prepared && prepared->signPkcs1(data, len, signature);
 }
 
 bool rsaVerifyPkcs1(const RsaPublicKey &key, const uint8_t *data, size_t len,
@@ -727,21 +892,8 @@ bool rsaEncryptPkcs1(const RsaPublicKey &key, const uint8_t *data, size_t len,
 
 bool rsaDecryptPkcs1(const RsaPrivateKey &key, const uint8_t *cipher, size_t len,
                      SecureBytes &message) {
-  if (cipher == nullptr) return false;
-  RsaNumbers numbers;
-  if (!numbers.load(key.publicKey) || len != numbers.modulusLen) return false;
-  const size_t k = numbers.modulusLen;
-  SecureBytes block(cipher, k);
-  if (!rsaPrivateOp(key, numbers, block.data())) return false;
-  if (block[0] != 0x00 || block[1] != 0x02) return false;
-  size_t i = 2;
-  while (i < k && block[i] != 0x00) ++i;
-  // At least eight padding bytes, then the 00 separator.
-  if (i - 2 < 8 || i >= k) return false;
-  ++i;
-  SecureBytes out(block.data() + i, k - i);
-  message = std::move(out);
-  return true;
+  std::unique_ptr<PreparedRsaKey> prepared = PreparedRsaKey::create(key);
+  return prepared && prepared->decryptPkcs1(cipher, len, message);
 }
 
 }  // namespace crypto

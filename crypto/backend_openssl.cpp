@@ -1,11 +1,13 @@
 // The crypto backend on OpenSSL 3.
 //
-// SM3 and SM4 go through EVP. SM2 is computed here on OpenSSL's big-number and
-// elliptic-curve arithmetic, because the callers sign a digest e that already
-// contains Z and use the flat C1||C2||C3 ciphertext, neither of which OpenSSL's
-// SM2 EVP interface offers. RSA keys travel as OSSL_PARAM sets.
+// SM3 and SM4 go through EVP. SM2 signatures and encryption go through
+// OpenSSL's SM2 EVP keys: EVP_PKEY_sign signs the digest it is given as e (the
+// Z value is only added by the EVP_DigestSign path, not used here), and
+// EVP_PKEY_encrypt/decrypt speak the DER SM2Ciphertext, converted here to and
+// from the flat C1||C2||C3 form. RSA keys travel as OSSL_PARAM sets.
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
+#include <openssl/crypto.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/obj_mac.h>
@@ -18,7 +20,8 @@
 #include <memory>
 
 #include "crypto/backend.h"
-#include "crypto/sm2_kdf.h"
+#include "crypto/der.h"
+#include "crypto/sm2_ciphertext.h"
 
 namespace tembra {
 namespace crypto {
@@ -52,6 +55,7 @@ struct PkeyCtxDeleter {
 struct ParamBldDeleter {
   void operator()(OSSL_PARAM_BLD *p) const { OSSL_PARAM_BLD_free(p); }
 };
+// OSSL_PARAM_free clears the block of secure (private) numbers it frees.
 struct ParamDeleter {
   void operator()(OSSL_PARAM *p) const { OSSL_PARAM_free(p); }
 };
@@ -78,12 +82,37 @@ bool bnTo32(const BIGNUM *bn, uint8_t out[kSm2ScalarSize]) {
   return BN_bn2binpad(bn, out, kSm2ScalarSize) == static_cast<int>(kSm2ScalarSize);
 }
 
+// ---- Algorithms ---------------------------------------------------------------
+
+// The digests and ciphers, fetched once and freed with the library (as the
+// SM2 curve below: OpenSSL's own exit-time clean-up was registered first, so
+// ours runs before it).
+struct Algorithms {
+  EVP_MD *sm3 = EVP_MD_fetch(nullptr, "SM3", nullptr);
+  EVP_MD *sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  EVP_CIPHER *sm4Ecb = EVP_CIPHER_fetch(nullptr, "SM4-ECB", nullptr);
+  EVP_CIPHER *sm4Cbc = EVP_CIPHER_fetch(nullptr, "SM4-CBC", nullptr);
+
+  Algorithms() = default;
+  Algorithms(const Algorithms &) = delete;
+  Algorithms &operator=(const Algorithms &) = delete;
+  ~Algorithms() {
+    EVP_MD_free(sm3);
+    EVP_MD_free(sha256);
+    EVP_CIPHER_free(sm4Ecb);
+    EVP_CIPHER_free(sm4Cbc);
+  }
+};
+
+const Algorithms &algorithms() {
+  static const Algorithms fetched;
+  return fetched;
+}
+
 // ---- SM4 --------------------------------------------------------------------
 
 const EVP_CIPHER *sm4Cipher(bool cbc) {
-  static EVP_CIPHER *ecb = EVP_CIPHER_fetch(nullptr, "SM4-ECB", nullptr);
-  static EVP_CIPHER *cbcCipher = EVP_CIPHER_fetch(nullptr, "SM4-CBC", nullptr);
-  return cbc ? cbcCipher : ecb;
+  return cbc ? algorithms().sm4Cbc : algorithms().sm4Ecb;
 }
 
 // One-shot SM4; `out` must hold len + 16 bytes when padding is on.
@@ -118,27 +147,28 @@ struct Sm2Curve {
   Bn prime;
 };
 
-// The curve is built once; OpenSSL treats a const group as read-only, so it
-// can be shared between threads.
+// The curve is built once and freed with the library (a function-local
+// static is destroyed at unload); OpenSSL treats a const group as read-only,
+// so it can be shared between threads. OpenSSL registers its own exit-time
+// clean-up before the first group is built, so ours runs first.
+Sm2Curve makeSm2Curve() {
+  Sm2Curve c;
+  c.group.reset(EC_GROUP_new_by_curve_name(NID_sm2));
+  if (c.group) {
+    c.order.reset(BN_dup(EC_GROUP_get0_order(c.group.get())));
+    c.prime.reset(BN_new());
+    if (c.prime &&
+        EC_GROUP_get_curve(c.group.get(), c.prime.get(), nullptr, nullptr, nullptr) != 1) {
+      c.prime.reset();
+    }
+  }
+  return c;
+}
+
 const Sm2Curve *sm2Curve() {
-  static const Sm2Curve *curve = [] {
-    Sm2Curve *c = new Sm2Curve;
-    c->group.reset(EC_GROUP_new_by_curve_name(NID_sm2));
-    if (c->group) {
-      c->order.reset(BN_dup(EC_GROUP_get0_order(c->group.get())));
-      c->prime.reset(BN_new());
-      if (c->prime &&
-          EC_GROUP_get_curve(c->group.get(), c->prime.get(), nullptr, nullptr, nullptr) != 1) {
-        c->prime.reset();
-      }
-    }
-    if (!c->group || !c->order || !c->prime) {
-      delete c;
-      return static_cast<Sm2Curve *>(nullptr);
-    }
-    return c;
-  }();
-  return curve;
+  static const Sm2Curve curve = makeSm2Curve();
+  if (!curve.group || !curve.order || !curve.prime) return nullptr;
+  return &curve;
 }
 
 // A uniform scalar in [1, n - 1].
@@ -185,6 +215,79 @@ Bn privateScalar(const Sm2Curve &curve, const uint8_t d[kSm2ScalarSize]) {
   return bd;
 }
 
+// An SM2 EVP key from the public point (x || y) and, for a key pair, d.
+Pkey sm2Key(const uint8_t *x, const uint8_t *y, const BIGNUM *d) {
+  uint8_t point[1 + 2 * kSm2ScalarSize];
+  point[0] = 0x04;
+  memcpy(point + 1, x, kSm2ScalarSize);
+  memcpy(point + 1 + kSm2ScalarSize, y, kSm2ScalarSize);
+  std::unique_ptr<OSSL_PARAM_BLD, ParamBldDeleter> bld(OSSL_PARAM_BLD_new());
+  if (!bld ||
+      OSSL_PARAM_BLD_push_utf8_string(bld.get(), OSSL_PKEY_PARAM_GROUP_NAME, "SM2", 0) != 1 ||
+      OSSL_PARAM_BLD_push_octet_string(bld.get(), OSSL_PKEY_PARAM_PUB_KEY, point, sizeof point) !=
+          1 ||
+      (d != nullptr && OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_PRIV_KEY, d) != 1)) {
+    return nullptr;
+  }
+  std::unique_ptr<OSSL_PARAM, ParamDeleter> params(OSSL_PARAM_BLD_to_param(bld.get()));
+  PkeyCtx ctx(EVP_PKEY_CTX_new_from_name(nullptr, "SM2", nullptr));
+  if (!params || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1) return nullptr;
+  EVP_PKEY *key = nullptr;
+  // The point is decoded and checked against the curve here.
+  if (EVP_PKEY_fromdata(ctx.get(), &key, d != nullptr ? EVP_PKEY_KEYPAIR : EVP_PKEY_PUBLIC_KEY,
+                        params.get()) != 1) {
+    return nullptr;
+  }
+  return Pkey(key);
+}
+
+Pkey sm2PublicKey(const Sm2PublicKey &publicKey) {
+  return sm2Key(publicKey.x, publicKey.y, nullptr);
+}
+
+// OpenSSL's SM2 encryption refuses an empty message both ways. Without C2
+// there is no key stream and C3 = SM3(x2 || y2) is all the ciphertext holds
+// besides C1, so that case is computed here on OpenSSL's constant-time
+// scalar multiplication: x2 || y2 = [scalar] point.
+bool sm2EmptyCheck(const Sm2Curve &curve, const EC_POINT *point, const BIGNUM *scalar,
+                   uint8_t c3[kSm3DigestSize], BN_CTX *ctx) {
+  Point shared(EC_POINT_new(curve.group.get()));
+  SecureArray<2 * kSm2ScalarSize> x2y2;
+  if (!shared || EC_POINT_mul(curve.group.get(), shared.get(), nullptr, point, scalar, ctx) != 1 ||
+      !pointTo(curve.group.get(), shared.get(), x2y2.data(), x2y2.data() + kSm2ScalarSize, ctx)) {
+    return false;
+  }
+  return sm3(x2y2.data(), x2y2.size(), c3);
+}
+
+bool sm2EncryptEmpty(const Sm2PublicKey &publicKey, std::vector<uint8_t> &cipher) {
+  const Sm2Curve *curve = sm2Curve();
+  BnCtx ctx(BN_CTX_secure_new());
+  if (curve == nullptr || !ctx) return false;
+  Point pub = pointFrom(*curve, publicKey.x, publicKey.y, ctx.get());
+  Point c1(EC_POINT_new(curve->group.get()));
+  Bn k = newBn();
+  std::vector<uint8_t> out(kSm2CipherOverhead);
+  out[0] = 0x04;
+  if (!pub || !c1 || !k || !randomScalar(curve->order.get(), k.get()) ||
+      EC_POINT_mul(curve->group.get(), c1.get(), k.get(), nullptr, nullptr, ctx.get()) != 1 ||
+      !pointTo(curve->group.get(), c1.get(), out.data() + 1, out.data() + 33, ctx.get()) ||
+      !sm2EmptyCheck(*curve, pub.get(), k.get(), out.data() + 65, ctx.get())) {
+    return false;
+  }
+  cipher = std::move(out);
+  return true;
+}
+
+bool sm2DecryptEmpty(const BIGNUM *d, const uint8_t cipher[kSm2CipherOverhead]) {
+  const Sm2Curve *curve = sm2Curve();
+  BnCtx ctx(BN_CTX_secure_new());
+  if (curve == nullptr || !ctx) return false;
+  Point c1 = pointFrom(*curve, cipher + 1, cipher + 33, ctx.get());
+  uint8_t check[kSm3DigestSize];
+  if (!c1 || !sm2EmptyCheck(*curve, c1.get(), d, check, ctx.get())) return false;
+  return CRYPTO_memcmp(check, cipher + 65, kSm3DigestSize) == 0;
+}
 
 // ---- RSA --------------------------------------------------------------------
 
@@ -275,7 +378,7 @@ struct Sm3::State {
 };
 
 Sm3::Sm3() : m_state(new State) {
-  static EVP_MD *md = EVP_MD_fetch(nullptr, "SM3", nullptr);
+  const EVP_MD *md = algorithms().sm3;
   m_state->ctx.reset(EVP_MD_CTX_new());
   if (md == nullptr || !m_state->ctx || EVP_DigestInit_ex2(m_state->ctx.get(), md, nullptr) != 1) {
     m_state->ctx.reset();
@@ -306,6 +409,17 @@ bool Sm3::final(uint8_t out[kSm3DigestSize]) {
 bool sm3(const uint8_t *data, size_t len, uint8_t out[kSm3DigestSize]) {
   Sm3 hash;
   return hash.update(data, len) && hash.final(out);
+}
+
+// ---- SHA-256 ------------------------------------------------------------------
+
+bool sha256(const uint8_t *data, size_t len, uint8_t out[kSha256DigestSize]) {
+  const EVP_MD *md = algorithms().sha256;
+  if (md == nullptr || out == nullptr || (data == nullptr && len > 0)) return false;
+  const uint8_t none = 0;
+  unsigned int outLen = 0;
+  return EVP_Digest(len > 0 ? data : &none, len, out, &outLen, md, nullptr) == 1 &&
+         outLen == kSha256DigestSize;
 }
 
 // ---- SM4 ----------------------------------------------------------------------
@@ -382,162 +496,112 @@ bool sm2ValidatePublic(const Sm2PublicKey &publicKey) {
   return static_cast<bool>(pointFrom(*curve, publicKey.x, publicKey.y, ctx.get()));
 }
 
+struct PreparedSm2Key::State {
+  Pkey key;
+  Bn d;  // for the empty message only; secure, cleared on release
+};
+
+PreparedSm2Key::PreparedSm2Key() : m_state(new State) {}
+
+PreparedSm2Key::~PreparedSm2Key() = default;
+
+std::unique_ptr<PreparedSm2Key> PreparedSm2Key::create(const uint8_t d[kSm2ScalarSize]) {
+  const Sm2Curve *curve = sm2Curve();
+  Sm2PublicKey publicKey;
+  if (curve == nullptr || d == nullptr || !sm2PublicFromPrivate(d, publicKey)) return nullptr;
+  Bn bd = privateScalar(*curve, d);
+  if (!bd) return nullptr;
+  std::unique_ptr<PreparedSm2Key> prepared(new PreparedSm2Key);
+  prepared->m_state->key = sm2Key(publicKey.x, publicKey.y, bd.get());
+  if (!prepared->m_state->key) return nullptr;
+  prepared->m_state->d = std::move(bd);
+  return prepared;
+}
+
+bool PreparedSm2Key::sign(const uint8_t e[kSm3DigestSize], uint8_t r[kSm2ScalarSize],
+                          uint8_t s[kSm2ScalarSize]) const {
+  if (e == nullptr || r == nullptr || s == nullptr) return false;
+  PkeyCtx ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, m_state->key.get(), nullptr));
+  if (!ctx || EVP_PKEY_sign_init(ctx.get()) != 1) return false;
+  uint8_t der[80];
+  size_t derLen = sizeof der;
+  if (EVP_PKEY_sign(ctx.get(), der, &derLen, e, kSm3DigestSize) != 1) return false;
+  der::Reader outer(der, derLen);
+  der::Reader fields;
+  return outer.enterSequence(fields) && outer.finished() &&
+         fields.readUnsignedInteger(r, kSm2ScalarSize) &&
+         fields.readUnsignedInteger(s, kSm2ScalarSize) && fields.finished();
+}
+
+bool PreparedSm2Key::decrypt(const uint8_t *cipher, size_t len, SecureBytes &message) const {
+  std::vector<uint8_t> der;
+  if (!sm2CipherFlatToDer(cipher, len, der)) return false;
+  if (len == kSm2CipherOverhead) {
+    if (!sm2DecryptEmpty(m_state->d.get(), cipher)) return false;
+    message.clear();
+    return true;
+  }
+  PkeyCtx ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, m_state->key.get(), nullptr));
+  if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1) return false;
+  const size_t messageLen = len - kSm2CipherOverhead;
+  size_t outLen = 0;
+  if (EVP_PKEY_decrypt(ctx.get(), nullptr, &outLen, der.data(), der.size()) != 1 ||
+      outLen < messageLen) {
+    return false;
+  }
+  SecureBytes out(outLen);
+  if (EVP_PKEY_decrypt(ctx.get(), out.data(), &outLen, der.data(), der.size()) != 1 ||
+      outLen != messageLen) {
+    return false;
+  }
+  out.resize(outLen);
+  message = std::move(out);
+  return true;
+}
+
 bool sm2Sign(const uint8_t d[kSm2ScalarSize], const uint8_t e[kSm3DigestSize],
              uint8_t r[kSm2ScalarSize], uint8_t s[kSm2ScalarSize]) {
-  const Sm2Curve *curve = sm2Curve();
-  if (curve == nullptr || d == nullptr || e == nullptr || r == nullptr || s == nullptr) {
-    return false;
-  }
-  const EC_GROUP *group = curve->group.get();
-  const BIGNUM *n = curve->order.get();
-  BnCtx ctx(BN_CTX_secure_new());
-  Bn bd = privateScalar(*curve, d);
-  Bn be = bnFrom(e, kSm3DigestSize);
-  Bn k = newBn(), x1 = newBn(), br = newBn(), bs = newBn(), tmp = newBn(), inv = newBn();
-  Point kg(EC_POINT_new(group));
-  if (!ctx || !bd || !be || !k || !x1 || !br || !bs || !tmp || !inv || !kg) return false;
-  // (1 + d)^-1 mod n; d <= n - 2 keeps 1 + d invertible.
-  if (BN_add(tmp.get(), bd.get(), BN_value_one()) != 1 ||
-      BN_mod_inverse(inv.get(), tmp.get(), n, ctx.get()) == nullptr) {
-    return false;
-  }
-  for (int attempt = 0; attempt < 64; ++attempt) {
-    if (!randomScalar(n, k.get())) return false;
-    if (EC_POINT_mul(group, kg.get(), k.get(), nullptr, nullptr, ctx.get()) != 1 ||
-        EC_POINT_get_affine_coordinates(group, kg.get(), x1.get(), nullptr, ctx.get()) != 1) {
-      return false;
-    }
-    // r = (e + x1) mod n; retry on r = 0 or r + k = n.
-    if (BN_mod_add(br.get(), be.get(), x1.get(), n, ctx.get()) != 1) return false;
-    if (BN_is_zero(br.get())) continue;
-    if (BN_add(tmp.get(), br.get(), k.get()) != 1) return false;
-    if (BN_cmp(tmp.get(), n) == 0) continue;
-    // s = (1 + d)^-1 (k - r d) mod n; retry on s = 0.
-    if (BN_mod_mul(tmp.get(), br.get(), bd.get(), n, ctx.get()) != 1 ||
-        BN_mod_sub(tmp.get(), k.get(), tmp.get(), n, ctx.get()) != 1 ||
-        BN_mod_mul(bs.get(), inv.get(), tmp.get(), n, ctx.get()) != 1) {
-      return false;
-    }
-    if (BN_is_zero(bs.get())) continue;
-    return bnTo32(br.get(), r) && bnTo32(bs.get(), s);
-  }
-  return false;
+  std::unique_ptr<PreparedSm2Key> key = PreparedSm2Key::create(d);
+  return key && key->sign(e, r, s);
 }
 
 bool sm2Verify(const Sm2PublicKey &publicKey, const uint8_t e[kSm3DigestSize],
                const uint8_t r[kSm2ScalarSize], const uint8_t s[kSm2ScalarSize]) {
-  const Sm2Curve *curve = sm2Curve();
-  if (curve == nullptr || e == nullptr || r == nullptr || s == nullptr) return false;
-  const EC_GROUP *group = curve->group.get();
-  const BIGNUM *n = curve->order.get();
-  BnCtx ctx(BN_CTX_new());
-  if (!ctx) return false;
-  Point pub = pointFrom(*curve, publicKey.x, publicKey.y, ctx.get());
-  Bn be = bnFrom(e, kSm3DigestSize);
-  Bn br = bnFrom(r, kSm2ScalarSize);
-  Bn bs = bnFrom(s, kSm2ScalarSize);
-  Bn t = newBn(), x1 = newBn(), check = newBn();
-  Point sum(EC_POINT_new(group));
-  if (!pub || !be || !br || !bs || !t || !x1 || !check || !sum) return false;
-  // r, s in [1, n - 1].
-  if (BN_is_zero(br.get()) || BN_cmp(br.get(), n) >= 0 || BN_is_zero(bs.get()) ||
-      BN_cmp(bs.get(), n) >= 0) {
-    return false;
-  }
-  if (BN_mod_add(t.get(), br.get(), bs.get(), n, ctx.get()) != 1 || BN_is_zero(t.get())) {
-    return false;
-  }
-  if (EC_POINT_mul(group, sum.get(), bs.get(), pub.get(), t.get(), ctx.get()) != 1 ||
-      EC_POINT_is_at_infinity(group, sum.get()) ||
-      EC_POINT_get_affine_coordinates(group, sum.get(), x1.get(), nullptr, ctx.get()) != 1) {
-    return false;
-  }
-  if (BN_mod_add(check.get(), be.get(), x1.get(), n, ctx.get()) != 1) return false;
-  return BN_cmp(check.get(), br.get()) == 0;
+  if (e == nullptr || r == nullptr || s == nullptr) return false;
+  Pkey key = sm2PublicKey(publicKey);
+  if (!key) return false;
+  const der::Bytes signature =
+      der::sequence({der::integer(r, kSm2ScalarSize), der::integer(s, kSm2ScalarSize)});
+  PkeyCtx ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, key.get(), nullptr));
+  return ctx && EVP_PKEY_verify_init(ctx.get()) == 1 &&
+         EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), e, kSm3DigestSize) == 1;
 }
 
 bool sm2Encrypt(const Sm2PublicKey &publicKey, const uint8_t *message, size_t len,
                 std::vector<uint8_t> &cipher) {
-  const Sm2Curve *curve = sm2Curve();
-  if (curve == nullptr || (message == nullptr && len > 0)) return false;
-  if (len > std::numeric_limits<size_t>::max() - kSm2CipherOverhead) return false;
-  const EC_GROUP *group = curve->group.get();
-  BnCtx ctx(BN_CTX_secure_new());
-  if (!ctx) return false;
-  Point pub = pointFrom(*curve, publicKey.x, publicKey.y, ctx.get());
-  Bn k = newBn();
-  Point c1(EC_POINT_new(group));
-  Point shared(EC_POINT_new(group));
-  if (!pub || !k || !c1 || !shared) return false;
-  std::vector<uint8_t> out(kSm2CipherOverhead + len);
-  uint8_t *c2 = out.data() + 65;
-  uint8_t *c3 = c2 + len;
-  uint8_t x2y2[2 * kSm2ScalarSize];
-  for (int attempt = 0; attempt < 64; ++attempt) {
-    if (!randomScalar(curve->order.get(), k.get())) return false;
-    out[0] = 0x04;
-    if (EC_POINT_mul(group, c1.get(), k.get(), nullptr, nullptr, ctx.get()) != 1 ||
-        !pointTo(group, c1.get(), out.data() + 1, out.data() + 33, ctx.get()) ||
-        EC_POINT_mul(group, shared.get(), nullptr, pub.get(), k.get(), ctx.get()) != 1 ||
-        !pointTo(group, shared.get(), x2y2, x2y2 + kSm2ScalarSize, ctx.get())) {
-      secureZero(x2y2, sizeof x2y2);
-      return false;
-    }
-    if (!sm2Kdf(x2y2, sizeof x2y2, c2, len)) {
-      secureZero(x2y2, sizeof x2y2);
-      return false;
-    }
-    if (len > 0 && allZero(c2, len)) continue;
-    for (size_t i = 0; i < len; ++i) c2[i] ^= message[i];
-    Sm3 hash;
-    bool hashed = hash.update(x2y2, kSm2ScalarSize) && hash.update(message, len) &&
-                  hash.update(x2y2 + kSm2ScalarSize, kSm2ScalarSize) && hash.final(c3);
-    secureZero(x2y2, sizeof x2y2);
-    if (!hashed) return false;
-    cipher = std::move(out);
-    return true;
+  if (message == nullptr && len > 0) return false;
+  if (len > std::numeric_limits<size_t>::max() - kSm2CipherOverhead - 32) return false;
+  if (len == 0) return sm2EncryptEmpty(publicKey, cipher);
+  Pkey key = sm2PublicKey(publicKey);
+  if (!key) return false;
+  PkeyCtx ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, key.get(), nullptr));
+  if (!ctx || EVP_PKEY_encrypt_init(ctx.get()) != 1) return false;
+  size_t derLen = 0;
+  if (EVP_PKEY_encrypt(ctx.get(), nullptr, &derLen, message, len) != 1) return false;
+  std::vector<uint8_t> der(derLen);
+  if (EVP_PKEY_encrypt(ctx.get(), der.data(), &derLen, message, len) != 1) return false;
+  std::vector<uint8_t> flat;
+  if (!sm2CipherDerToFlat(der.data(), derLen, flat) || flat.size() != kSm2CipherOverhead + len) {
+    return false;
   }
-  secureZero(x2y2, sizeof x2y2);
-  return false;
+  cipher = std::move(flat);
+  return true;
 }
 
 bool sm2Decrypt(const uint8_t d[kSm2ScalarSize], const uint8_t *cipher, size_t len,
                 SecureBytes &message) {
-  const Sm2Curve *curve = sm2Curve();
-  if (curve == nullptr || d == nullptr || cipher == nullptr || len < kSm2CipherOverhead ||
-      cipher[0] != 0x04) {
-    return false;
-  }
-  const EC_GROUP *group = curve->group.get();
-  BnCtx ctx(BN_CTX_secure_new());
-  if (!ctx) return false;
-  Bn bd = privateScalar(*curve, d);
-  Point c1 = pointFrom(*curve, cipher + 1, cipher + 33, ctx.get());
-  Point shared(EC_POINT_new(group));
-  if (!bd || !c1 || !shared) return false;
-  const size_t plainLen = len - kSm2CipherOverhead;
-  const uint8_t *c2 = cipher + 65;
-  const uint8_t *c3 = c2 + plainLen;
-  SecureArray<2 * kSm2ScalarSize> x2y2;
-  if (EC_POINT_mul(group, shared.get(), nullptr, c1.get(), bd.get(), ctx.get()) != 1 ||
-      !pointTo(group, shared.get(), x2y2.data(), x2y2.data() + kSm2ScalarSize, ctx.get())) {
-    return false;
-  }
-  SecureBytes plain(plainLen);
-  if (!sm2Kdf(x2y2.data(), x2y2.size(), plain.data(), plainLen)) return false;
-  if (plainLen > 0 && allZero(plain.data(), plainLen)) return false;
-  for (size_t i = 0; i < plainLen; ++i) plain[i] ^= c2[i];
-  uint8_t check[kSm3DigestSize];
-  Sm3 hash;
-  if (!hash.update(x2y2.data(), kSm2ScalarSize) || !hash.update(plain.data(), plainLen) ||
-      !hash.update(x2y2.data() + kSm2ScalarSize, kSm2ScalarSize) || !hash.final(check)) {
-    return false;
-  }
-  uint8_t diff = 0;
-  for (size_t i = 0; i < kSm3DigestSize; ++i) diff |= check[i] ^ c3[i];
-  if (diff != 0) return false;
-  message = std::move(plain);
-  return true;
+  std::unique_ptr<PreparedSm2Key> key = PreparedSm2Key::create(d);
+  return key && key->decrypt(cipher, len, message);
 }
 
 // ---- RSA ----------------------------------------------------------------------
@@ -572,22 +636,67 @@ bool rsaGenerate(int bits, RsaPrivateKey &key) {
   return true;
 }
 
-bool rsaSignPkcs1(const RsaPrivateKey &key, const uint8_t *data, size_t len,
-                  std::vector<uint8_t> &signature) {
+struct PreparedRsaKey::State {
+  Pkey key;
+  size_t modulusLen = 0;
+};
+
+PreparedRsaKey::PreparedRsaKey() : m_state(new State) {}
+
+PreparedRsaKey::~PreparedRsaKey() = default;
+
+std::unique_ptr<PreparedRsaKey> PreparedRsaKey::create(const RsaPrivateKey &key) {
+  std::unique_ptr<PreparedRsaKey> prepared(new PreparedRsaKey);
+  prepared->m_state->key = rsaKey(key.publicKey, &key);
+  prepared->m_state->modulusLen = key.publicKey.n.size();
+  if (!prepared->m_state->key) return nullptr;
+  return prepared;
+}
+
+size_t PreparedRsaKey::modulusSize() const {
+  return m_state->modulusLen;
+}
+
+bool PreparedRsaKey::signPkcs1(const uint8_t *data, size_t len,
+                               std::vector<uint8_t> &signature) const {
   if (data == nullptr && len > 0) return false;
-  Pkey pkey = rsaKey(key.publicKey, &key);
-  if (!pkey) return false;
-  PkeyCtx ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, pkey.get(), nullptr));
+  PkeyCtx ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, m_state->key.get(), nullptr));
   if (!ctx || EVP_PKEY_sign_init(ctx.get()) != 1 || !setPkcs1Padding(ctx.get())) return false;
   size_t sigLen = 0;
   if (EVP_PKEY_sign(ctx.get(), nullptr, &sigLen, data, len) != 1) return false;
   std::vector<uint8_t> out(sigLen);
   if (EVP_PKEY_sign(ctx.get(), out.data(), &sigLen, data, len) != 1) return false;
   // OpenSSL writes the full modulus length; keep the contract explicit.
-  if (sigLen != modulusSize(key.publicKey)) return false;
+  if (sigLen != m_state->modulusLen) return false;
   out.resize(sigLen);
   signature = std::move(out);
   return true;
+}
+
+bool PreparedRsaKey::decryptPkcs1(const uint8_t *cipher, size_t len, SecureBytes &message) const {
+  if (cipher == nullptr || len != m_state->modulusLen) return false;
+  PkeyCtx ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, m_state->key.get(), nullptr));
+  if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 || !setPkcs1Padding(ctx.get())) return false;
+  // Newer OpenSSL releases answer a bad padding with a random message unless
+  // told otherwise; callers here need the failure. Older ones ignore this.
+  unsigned int explicitRejection = 0;
+  OSSL_PARAM params[] = {
+      OSSL_PARAM_construct_uint("implicit-rejection", &explicitRejection),
+      OSSL_PARAM_construct_end(),
+  };
+  EVP_PKEY_CTX_set_params(ctx.get(), params);
+  SecureBytes out(len);
+  size_t outLen = out.size();
+  if (EVP_PKEY_decrypt(ctx.get(), out.data(), &outLen, cipher, len) != 1) return false;
+  out.resize(outLen);
+  message = std::move(out);
+  return true;
+}
+
+bool rsaSignPkcs1(const RsaPrivateKey &key, const uint8_t *data, size_t len,
+                  std::vector<uint8_t> &signature) {
+  std::unique_ptr<PreparedRsaKey> prepared = PreparedRsaKey::create(key);
+  return prepared && prepared->signPkcs1(data, len, signature);
 }
 
 bool rsaVerifyPkcs1(const RsaPublicKey &key, const uint8_t *data, size_t len,
@@ -627,25 +736,8 @@ bool rsaEncryptPkcs1(const RsaPublicKey &key, const uint8_t *data, size_t len,
 
 bool rsaDecryptPkcs1(const RsaPrivateKey &key, const uint8_t *cipher, size_t len,
                      SecureBytes &message) {
-  if (cipher == nullptr || len != modulusSize(key.publicKey)) return false;
-  Pkey pkey = rsaKey(key.publicKey, &key);
-  if (!pkey) return false;
-  PkeyCtx ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, pkey.get(), nullptr));
-  if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 || !setPkcs1Padding(ctx.get())) return false;
-  // Newer OpenSSL releases answer a bad padding with a random message unless
-  // told otherwise; callers here need the failure. Older ones ignore this.
-  unsigned int explicitRejection = 0;
-  OSSL_PARAM params[] = {
-      OSSL_PARAM_construct_uint("implicit-rejection", &explicitRejection),
-      OSSL_PARAM_construct_end(),
-  };
-  EVP_PKEY_CTX_set_params(ctx.get(), params);
-  SecureBytes out(len);
-  size_t outLen = out.size();
-  if (EVP_PKEY_decrypt(ctx.get(), out.data(), &outLen, cipher, len) != 1) return false;
-  out.resize(outLen);
-  message = std::move(out);
-  return true;
+  std::unique_ptr<PreparedRsaKey> prepared = PreparedRsaKey::create(key);
+  return prepared && prepared->decryptPkcs1(cipher, len, message);
 }
 
 }  // namespace crypto

@@ -13,7 +13,6 @@
 #include "crypto/sm2_z.h"
 #include "softskf/provision/container_keys.h"
 #include "softskf/provision/provision.h"
-#include "softskf/provision/sha256.h"
 
 namespace tembra {
 namespace provision {
@@ -121,9 +120,11 @@ Bytes signSm2(HCONTAINER container, const crypto::Sm2PublicKey &signatureKey, co
 }
 
 Bytes signRsa(HCONTAINER container, const Bytes &tbs) {
-  uint8_t digestInfo[sizeof(kSha256DigestInfoPrefix) + kSha256DigestSize];
+  uint8_t digestInfo[sizeof(kSha256DigestInfoPrefix) + crypto::kSha256DigestSize];
   memcpy(digestInfo, kSha256DigestInfoPrefix, sizeof(kSha256DigestInfoPrefix));
-  sha256(tbs.data(), tbs.size(), digestInfo + sizeof(kSha256DigestInfoPrefix));
+  if (!crypto::sha256(tbs.data(), tbs.size(), digestInfo + sizeof(kSha256DigestInfoPrefix))) {
+    return {};
+  }
   Bytes signature(MAX_RSA_MODULUS_LEN);
   ULONG len = ULONG(signature.size());
   if (SKF_RSASignData(container, digestInfo, sizeof(digestInfo), signature.data(), &len) !=
