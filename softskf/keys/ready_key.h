@@ -1,7 +1,8 @@
-// A private key unsealed for use: kept in process memory while the user is
-// logged in, so a signature or decryption costs what the crypto costs. The
-// key material is wiped when the object goes (logout, PIN change, a change
-// of the stored key, process exit).
+// A private key unsealed for use: the backend's prepared key object (with
+// its blinding and Montgomery set-up done once), kept in process memory while
+// the user is logged in, so a signature or decryption costs what the crypto
+// costs. The backend wipes and frees it when the object goes (logout, PIN
+// change, a change of the stored key, process exit).
 #ifndef TEMBRA_SOFTSKF_KEYS_READY_KEY_H
 #define TEMBRA_SOFTSKF_KEYS_READY_KEY_H
 
@@ -42,8 +43,8 @@ class ReadyKey {
   ReadyKey() = default;
   KeyAlgorithm m_algorithm = KeyAlgorithm::None;
   std::vector<uint8_t> m_sealed;  // the sealed form it came from
-  SecureArray<crypto::kSm2ScalarSize> m_d;
-  crypto::RsaPrivateKey m_rsa;
+  std::unique_ptr<crypto::PreparedSm2Key> m_sm2;
+  std::unique_ptr<crypto::PreparedRsaKey> m_rsa;
 };
 
 }  // namespace softskf
