@@ -28,8 +28,7 @@ ULONG AppSession::load(uint32_t deviceId, const std::string &appName) {
   if (m_device == nullptr) return SAR_INVALIDHANDLEERR;
   m_location = m_device->location;
   m_lock.reset(new StoreLock(m_location));
-  DeviceRecord device;
-  ULONG rv = loadPresentDevice(m_location, device);
+  ULONG rv = checkPresentDevice(m_location);
   if (rv != SAR_OK) return rv;
   return loadApplication(m_location, appName, m_shared);
 }

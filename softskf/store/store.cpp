@@ -85,20 +85,33 @@ StoreLock *heldLock(const std::string &directory) {
   return it == s.locks.end() ? nullptr : it->second;
 }
 
-// The record `name` of the device, from the cache when neither the
-// device's write generation nor the file's stamp has moved since it was
-// read. Without a lock of the device the file is read as it is and nothing
-// is cached.
+// How a cached record is checked before it is served: against the
+// device's write generation and the file's stamp, or (for the device record
+// of a call that goes on to check an application file, which also shows the
+// device directory still there) the generation alone.
+enum class Check { GenerationAndStamp, Generation };
+
+// The record `name` of the device, from the cache when it passes the check.
+// Without a lock of the device the file is read as it is and nothing is
+// cached.
 template <typename Record, typename Decode>
 fs::ReadResult loadRecord(std::map<std::string, CachedRecord<Record>> &cache,
                           const std::string &directory, const std::string &name, StoreLock *lock,
-                          Decode decode, std::shared_ptr<const Record> &record, bool &decoded) {
+                          Decode decode, std::shared_ptr<const Record> &record, bool &decoded,
+                          Check check = Check::GenerationAndStamp) {
   decoded = true;
   const std::string path = fs::join(directory, name);
   fs::FileStamp now;
   StoreState &s = state();
   if (lock != nullptr) {
-    if (lock->stamp(name, now) == fs::ReadResult::Ok) {
+    if (check == Check::Generation) {
+      std::lock_guard<std::mutex> guard(s.mutex);
+      auto it = cache.find(path);
+      if (it != cache.end() && it->second.generation == lock->generation()) {
+        record = it->second.record;
+        return fs::ReadResult::Ok;
+      }
+    } else if (lock->stamp(name, now) == fs::ReadResult::Ok) {
       std::lock_guard<std::mutex> guard(s.mutex);
       auto it = cache.find(path);
       if (it != cache.end() && it->second.generation == lock->generation() &&
@@ -334,15 +347,17 @@ bool StoreLock::bump() {
   return true;
 }
 
-ULONG loadDevice(const DeviceLocation &device, DeviceRecord &record) {
+namespace {
+
+ULONG loadDevice(const DeviceLocation &device, std::shared_ptr<const DeviceRecord> &record,
+                 Check check) {
   StoreLock *lock = heldLock(device.directory());
   if (lock != nullptr && !lock->held()) {
     return lock->deviceMissing() ? SAR_INVALIDPARAMERR : SAR_FILEERR;
   }
-  std::shared_ptr<const DeviceRecord> shared;
   bool decoded = true;
-  switch (loadRecord(state().devices, device.directory(), kDeviceFile, lock, decodeDevice, shared,
-                     decoded)) {
+  switch (loadRecord(state().devices, device.directory(), kDeviceFile, lock, decodeDevice, record,
+                     decoded, check)) {
     case fs::ReadResult::NotFound:
       return SAR_INVALIDPARAMERR;
     case fs::ReadResult::Error:
@@ -350,14 +365,28 @@ ULONG loadDevice(const DeviceLocation &device, DeviceRecord &record) {
     case fs::ReadResult::Ok:
       break;
   }
-  if (!decoded) return SAR_FILEERR;
-  record = *shared;
-  return SAR_OK;
+  return decoded ? SAR_OK : SAR_FILEERR;
+}
+
+}  // namespace
+
+ULONG loadDevice(const DeviceLocation &device, DeviceRecord &record) {
+  std::shared_ptr<const DeviceRecord> shared;
+  ULONG rv = loadDevice(device, shared, Check::GenerationAndStamp);
+  if (rv == SAR_OK) record = *shared;
+  return rv;
 }
 
 ULONG loadPresentDevice(const DeviceLocation &device, DeviceRecord &record) {
   ULONG rv = loadDevice(device, record);
   if (rv == SAR_INVALIDPARAMERR || (rv == SAR_OK && !record.present)) return SAR_DEVICE_REMOVED;
+  return rv;
+}
+
+ULONG checkPresentDevice(const DeviceLocation &device) {
+  std::shared_ptr<const DeviceRecord> record;
+  ULONG rv = loadDevice(device, record, Check::Generation);
+  if (rv == SAR_INVALIDPARAMERR || (rv == SAR_OK && !record->present)) return SAR_DEVICE_REMOVED;
   return rv;
 }
 
@@ -464,6 +493,8 @@ ULONG loadApplication(const DeviceLocation &device, const std::string &name,
   switch (loadRecord(state().applications, device.directory(), applicationFile(name), lock,
                      decodeApplication, shared, decoded)) {
     case fs::ReadResult::NotFound:
+      // The device itself may be gone (its directory removed under us).
+      if (lock != nullptr && !lock->held() && lock->deviceMissing()) return SAR_DEVICE_REMOVED;
       return SAR_APPLICATION_NOT_EXISTS;
     case fs::ReadResult::Error:
       return SAR_READFILEERR;

@@ -84,6 +84,11 @@ ULONG loadDevice(const DeviceLocation &device, DeviceRecord &record);
 // As loadDevice, and SAR_DEVICE_REMOVED for a missing or absent device: the
 // check of every call made through a device's handles.
 ULONG loadPresentDevice(const DeviceLocation &device, DeviceRecord &record);
+// The result of loadPresentDevice, for a call that goes on to load one of
+// the device's applications: the cached device record is checked against
+// the write generation alone (the application file's check, made next,
+// also shows the device directory still in place).
+ULONG checkPresentDevice(const DeviceLocation &device);
 ULONG saveDevice(const DeviceLocation &device, const DeviceRecord &record);
 
 // Creates the device: exactly one of any number of creators of one name
