@@ -21,6 +21,20 @@ void wipeKeysAtExit() {
   (void)registered;
 }
 
+// Drops the ready keys of containers gone or holding another key now.
+void dropStaleKeys(SecurityState &state, const ApplicationRecord &app) {
+  for (auto it = state.keys.begin(); it != state.keys.end();) {
+    const std::string &slot = it->first;
+    const ContainerRecord *container =
+        slot.empty() ? nullptr : app.findContainer(slot.substr(0, slot.size() - 1));
+    const KeyPairRecord *record = container == nullptr  ? nullptr
+                                  : slot.back() == '\1' ? &container->signature
+                                                         : &container->encryption;
+    bool current = record != nullptr && it->second && it->second->madeFrom(*record);
+    it = current ? std::next(it) : state.keys.erase(it);
+  }
+}
+
 }  // namespace
 
 ULONG AppSession::load(uint32_t deviceId, const std::string &appName) {
@@ -82,26 +96,28 @@ ULONG AppSession::readyKey(BOOL bSignFlag, const ReadyKey *&key) {
   }
   std::string slot = containerView().name;
   slot += bSignFlag ? "\1" : "\2";
-  std::unique_ptr<ReadyKey> &ready = state.keys[slot];
-  if (!ready || !ready->madeFrom(record)) {
+  auto found = state.keys.find(slot);
+  if (found == state.keys.end() || !found->second->madeFrom(record)) {
+    dropStaleKeys(state, view());  // this slot's old key among them
     wipeKeysAtExit();
-    ready = ReadyKey::unseal(state.tokenKey, record);
-    if (!ready) {
-      state.keys.erase(slot);
-      return SAR_FAIL;
-    }
+    std::unique_ptr<ReadyKey> fresh = ReadyKey::unseal(state.tokenKey, record);
+    if (!fresh) return SAR_FAIL;
+    found = state.keys.emplace(slot, std::move(fresh)).first;
   }
-  key = ready.get();
+  key = found->second.get();
   return SAR_OK;
 }
 
 ULONG AppSession::save() {
-  if (!m_own) return saveApplication(m_location, *m_shared);
-  // A new user PIN (changed or unblocked) takes the ready keys with it.
-  if (m_own->userPin.salt != m_shared->userPin.salt) security().dropKeys();
-  ULONG rv = saveApplication(m_location, *m_own);
-  if (rv == SAR_OK) {
-    m_shared.reset(m_own.release());
+  const ApplicationRecord &record = view();
+  ULONG rv = saveApplication(m_location, record);
+  // Keys made from what is no longer stored go now; a new user PIN (changed
+  // or unblocked) takes them all.
+  SecurityState &state = security();
+  if (record.userPin.salt != state.keysPinSalt) {
+    state.dropKeys();
+  } else {
+    dropStaleKeys(state, record);
   }
   return rv;
 }

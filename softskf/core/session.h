@@ -25,6 +25,7 @@ class AppSession {
   ULONG openContainer(HANDLE hContainer);
 
   const ApplicationRecord &view() const { return m_own ? *m_own : *m_shared; }
+  // (A call's own copy, once made, stays the one it reads and saves.)
   const ContainerRecord &containerView() const { return view().containers[m_containerIndex]; }
   ApplicationRecord &app();
   ContainerRecord &container() { return app().containers[m_containerIndex]; }
