@@ -29,8 +29,8 @@ namespace {
 const char *kUserPin = "12345678";
 
 std::string newStore(const std::string &what) {
-  return std::string(getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") + "/tembra-bench-" + what +
-         "-" + std::to_string(std::random_device{}()) + "-" +
+  return std::string(getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") + "/tembra-bench-" + what + "-" +
+         std::to_string(std::random_device{}()) + "-" +
          std::to_string(static_cast<long long>(time(nullptr)));
 }
 

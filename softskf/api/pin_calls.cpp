@@ -34,7 +34,7 @@ ULONG presentPin(AppSession &session, PinRecord &record, ULONG type, const PinTe
     ULONG rv = session.save();
     SecurityState &state = session.security();
     (type == USER_TYPE ? state.user : state.admin) = false;
-    if (!state.user) state.dropKeys();                // the ready keys go with the user login
+    if (!state.user) state.dropKeys();               // the ready keys go with the user login
     if (!state.user && !state.admin) state.clear();  // no login left to need the token key
     setRetry(pulRetryCount, record.remaining);
     return rv != SAR_OK ? rv : SAR_PIN_INCORRECT;

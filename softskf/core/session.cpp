@@ -29,7 +29,7 @@ void dropStaleKeys(SecurityState &state, const ApplicationRecord &app) {
         slot.empty() ? nullptr : app.findContainer(slot.substr(0, slot.size() - 1));
     const KeyPairRecord *record = container == nullptr  ? nullptr
                                   : slot.back() == '\1' ? &container->signature
-                                                         : &container->encryption;
+                                                        : &container->encryption;
     bool current = record != nullptr && it->second && it->second->madeFrom(*record);
     it = current ? std::next(it) : state.keys.erase(it);
   }
@@ -85,8 +85,7 @@ SecurityState &AppSession::security() {
 ULONG AppSession::readyKey(BOOL bSignFlag, const ReadyKey *&key) {
   SecurityState &state = security();
   if (!state.user || !state.hasTokenKey) return SAR_USER_NOT_LOGGED_IN;
-  const KeyPairRecord &record =
-      bSignFlag ? containerView().signature : containerView().encryption;
+  const KeyPairRecord &record = bSignFlag ? containerView().signature : containerView().encryption;
   if (!record.present()) return SAR_KEYNOTFOUNTERR;
   // The user PIN changed (here or in another process) since the keys were
   // made: they go, as at a logout.

@@ -5,8 +5,7 @@
 namespace tembra {
 namespace softskf {
 
-std::unique_ptr<ReadyKey> ReadyKey::unseal(const TokenKey &tokenKey,
-                                           const KeyPairRecord &record) {
+std::unique_ptr<ReadyKey> ReadyKey::unseal(const TokenKey &tokenKey, const KeyPairRecord &record) {
   std::unique_ptr<ReadyKey> key(new ReadyKey);
   key->m_algorithm = record.algorithm;
   key->m_sealed = record.sealedPrivate;

@@ -99,12 +99,12 @@ void stampOf(const BY_HANDLE_FILE_INFORMATION &info, FileStamp &stamp) {
   stamp.volume = info.dwVolumeSerialNumber;
   stamp.file = static_cast<uint64_t>(info.nFileIndexHigh) << 32 | info.nFileIndexLow;
   stamp.size = static_cast<uint64_t>(info.nFileSizeHigh) << 32 | info.nFileSizeLow;
-  stamp.modified = static_cast<int64_t>(static_cast<uint64_t>(info.ftLastWriteTime.dwHighDateTime)
-                                            << 32 |
-                                        info.ftLastWriteTime.dwLowDateTime);
-  stamp.changed = static_cast<int64_t>(static_cast<uint64_t>(info.ftCreationTime.dwHighDateTime)
-                                           << 32 |
-                                       info.ftCreationTime.dwLowDateTime);
+  stamp.modified =
+      static_cast<int64_t>(static_cast<uint64_t>(info.ftLastWriteTime.dwHighDateTime) << 32 |
+                           info.ftLastWriteTime.dwLowDateTime);
+  stamp.changed =
+      static_cast<int64_t>(static_cast<uint64_t>(info.ftCreationTime.dwHighDateTime) << 32 |
+                           info.ftCreationTime.dwLowDateTime);
 }
 
 }  // namespace
@@ -123,9 +123,9 @@ bool processAlive(unsigned long pid) {
 }
 
 ReadResult statFile(const std::string &path, FileStamp &stamp) {
-  HANDLE h = CreateFileW(wide(path).c_str(), 0,
-                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                         OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  HANDLE h =
+      CreateFileW(wide(path).c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                  nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
   if (h == INVALID_HANDLE_VALUE) {
     DWORD err = GetLastError();
     return (err == ERROR_FILE_NOT_FOUND || err == ERROR_PATH_NOT_FOUND) ? ReadResult::NotFound

@@ -167,14 +167,15 @@ void forgetDirectory(const std::string &directory) {
   StoreState &s = state();
   std::lock_guard<std::mutex> guard(s.mutex);
   auto file = s.lockFiles.find(directory);
-  if (file != s.lockFiles.end() && !file->second->held()) s.lockFiles.erase(file);
+  if (file != s.lockFiles.end() && !file->second->held() && s.locks.count(directory) == 0)
+    s.lockFiles.erase(file);
   const std::string prefix = fs::join(directory, "");
   for (auto it = s.devices.begin(); it != s.devices.end();) {
     it = it->first.compare(0, prefix.size(), prefix) == 0 ? s.devices.erase(it) : std::next(it);
   }
   for (auto it = s.applications.begin(); it != s.applications.end();) {
-    it = it->first.compare(0, prefix.size(), prefix) == 0 ? s.applications.erase(it)
-                                                           : std::next(it);
+    it =
+        it->first.compare(0, prefix.size(), prefix) == 0 ? s.applications.erase(it) : std::next(it);
   }
 }
 
@@ -274,7 +275,8 @@ StoreLock::StoreLock(const DeviceLocation &device) : m_directory(device.director
     std::lock_guard<std::mutex> guard(s.mutex);
     if (s.lockFiles.size() >= kMaxOpenLockFiles && s.lockFiles.count(m_directory) == 0) {
       for (auto it = s.lockFiles.begin(); it != s.lockFiles.end();) {
-        it = it->second->held() ? std::next(it) : s.lockFiles.erase(it);
+        bool inUse = it->second->held() || s.locks.count(it->first) != 0;
+        it = inUse ? std::next(it) : s.lockFiles.erase(it);
       }
     }
     std::unique_ptr<fs::FileLock> &file = s.lockFiles[m_directory];

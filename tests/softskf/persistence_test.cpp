@@ -48,8 +48,8 @@ void rewriteRecord(const std::string &path, const std::function<void(std::string
   body.resize(body.size() - 32);
   edit(body);
   uint8_t check[32];
-  ASSERT_TRUE(tembra::crypto::sm3(reinterpret_cast<const uint8_t *>(body.data()), body.size(),
-                                  check));
+  ASSERT_TRUE(
+      tembra::crypto::sm3(reinterpret_cast<const uint8_t *>(body.data()), body.size(), check));
   body.append(reinterpret_cast<const char *>(check), 32);
   {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -222,7 +222,7 @@ TEST_F(PersistenceTest, CachedStateGivesWayToAnotherProcessesChange) {
   ASSERT_EQ(SAR_OK, SKF_ImportCertificate(con, TRUE, first, 3));
   struct Change {
     const char *what;
-    std::function<ULONG()> change;    // in another process
+    std::function<ULONG()> change;   // in another process
     std::function<void()> seenHere;  // the next call here
   };
   const Change changes[] = {
@@ -249,8 +249,7 @@ TEST_F(PersistenceTest, CachedStateGivesWayToAnotherProcessesChange) {
          ASSERT_EQ(SAR_OK, SKF_ExportCertificate(con, TRUE, cert, &len));
          EXPECT_EQ(4u, len);
        }},
-      {"deleted container",
-       [app] { return SKF_DeleteContainer(app, const_cast<char *>("sm2")); },
+      {"deleted container", [app] { return SKF_DeleteContainer(app, const_cast<char *>("sm2")); },
        [app, con] {
          ULONG type = 0;
          EXPECT_EQ(SAR_INVALIDHANDLEERR, SKF_GetContainerType(con, &type));
@@ -275,8 +274,8 @@ TEST_F(PersistenceTest, CachedStateGivesWayToAnotherProcessesChange) {
 TEST_F(PersistenceTest, OneOfManyProcessesCreatesADevice) {
   // Other devices in the store make a creation take its time.
   for (int i = 0; i < 24; ++i) {
-    ASSERT_EQ(SAR_OK, SKFSoft_CreateDevice(("other" + std::to_string(i)).c_str(), "L", "S",
-                                           kAuthKey));
+    ASSERT_EQ(SAR_OK,
+              SKFSoft_CreateDevice(("other" + std::to_string(i)).c_str(), "L", "S", kAuthKey));
   }
   for (int round = 0; round < 8; ++round) {
     SCOPED_TRACE(round);
@@ -449,11 +448,11 @@ TEST_F(PersistenceTest, CallsFailWhenTheStoreLockCannotBeOpened) {
   HCONTAINER con;
   EXPECT_EQ(SAR_FILEERR, SKF_CreateContainer(app, const_cast<char *>("c"), &con));
   EXPECT_EQ(0, inChild([app] {
-    ULONG size = 0;
-    DEVHANDLE again;
-    return (SKF_EnumContainer(app, nullptr, &size) == SAR_FILEERR ? 0 : 1) |
-           (SKF_ConnectDev(const_cast<char *>("tok1"), &again) == SAR_FILEERR ? 0 : 2);
-  }));
+              ULONG size = 0;
+              DEVHANDLE again;
+              return (SKF_EnumContainer(app, nullptr, &size) == SAR_FILEERR ? 0 : 1) |
+                     (SKF_ConnectDev(const_cast<char *>("tok1"), &again) == SAR_FILEERR ? 0 : 2);
+            }));
   rmdir(lock.c_str());
 }
 
