@@ -79,7 +79,7 @@ ULONG DEVAPI SKF_OpenContainer(HAPPLICATION hApplication, LPSTR szContainerName,
     std::string name;
     if (phContainer == nullptr) return SAR_INVALIDPARAMERR;
     if ((rv = takeName(szContainerName, kMaxContainerNameLen, name)) != SAR_OK) return rv;
-    if (session.app().findContainer(name) == nullptr) return SAR_INVALIDPARAMERR;
+    if (session.view().findContainer(name) == nullptr) return SAR_INVALIDPARAMERR;
     *phContainer = addContainerHandle(call, session, name);
     call.output("hContainer", *phContainer);
     return SAR_OK;
@@ -106,7 +106,7 @@ ULONG DEVAPI SKF_EnumContainer(HAPPLICATION hApplication, LPSTR szContainerName,
     AppSession session(call);
     if ((rv = session.openApplication(hApplication)) != SAR_OK) return rv;
     std::vector<std::string> names;
-    for (const ContainerRecord &c : session.app().containers) names.push_back(c.name);
+    for (const ContainerRecord &c : session.view().containers) names.push_back(c.name);
     std::string list = multiString(names);
     return answerBytes(reinterpret_cast<const uint8_t *>(list.data()), list.size(),
                        reinterpret_cast<BYTE *>(szContainerName), pulSize);
@@ -122,7 +122,7 @@ ULONG DEVAPI SKF_GetContainerType(HCONTAINER hContainer, ULONG *pulContainerType
     AppSession session(call);
     if ((rv = session.openContainer(hContainer)) != SAR_OK) return rv;
     if (pulContainerType == nullptr) return SAR_INVALIDPARAMERR;
-    *pulContainerType = session.container().type();
+    *pulContainerType = session.containerView().type();
     return SAR_OK;
   });
 }
@@ -160,8 +160,8 @@ ULONG DEVAPI SKF_ExportCertificate(HCONTAINER hContainer, BOOL bSignFlag, BYTE *
     AppSession session(call);
     if ((rv = session.openContainer(hContainer)) != SAR_OK) return rv;
     if (pulCertLen == nullptr) return SAR_INVALIDPARAMERR;
-    const std::vector<uint8_t> &cert = bSignFlag ? session.container().signatureCertificate
-                                                 : session.container().encryptionCertificate;
+    const std::vector<uint8_t> &cert = bSignFlag ? session.containerView().signatureCertificate
+                                                 : session.containerView().encryptionCertificate;
     if (cert.empty()) return SAR_CERTNOTFOUNTERR;
     return answerBytes(cert.data(), cert.size(), pbCert, pulCertLen);
   });

@@ -70,7 +70,7 @@ ULONG DEVAPI SKF_EnumFiles(HAPPLICATION hApplication, LPSTR szFileList, ULONG *p
     AppSession session(call);
     if ((rv = session.openApplication(hApplication)) != SAR_OK) return rv;
     std::vector<std::string> names;
-    for (const FileRecord &f : session.app().files) names.push_back(f.name);
+    for (const FileRecord &f : session.view().files) names.push_back(f.name);
     std::string list = multiString(names);
     return answerBytes(reinterpret_cast<const uint8_t *>(list.data()), list.size(),
                        reinterpret_cast<BYTE *>(szFileList), pulSize);
@@ -89,7 +89,7 @@ ULONG DEVAPI SKF_GetFileInfo(HAPPLICATION hApplication, LPSTR szFileName,
     std::string name;
     if ((rv = takeName(szFileName, kMaxFileNameLen, name)) != SAR_OK) return rv;
     if (pFileInfo == nullptr) return SAR_INVALIDPARAMERR;
-    const FileRecord *file = session.app().findFile(name);
+    const FileRecord *file = session.view().findFile(name);
     if (file == nullptr) return SAR_FILE_NOT_EXIST;
     FILEATTRIBUTE info;
     memset(&info, 0, sizeof info);
@@ -117,7 +117,7 @@ ULONG DEVAPI SKF_ReadFile(HAPPLICATION hApplication, LPSTR szFileName, ULONG ulO
     std::string name;
     if ((rv = takeName(szFileName, kMaxFileNameLen, name)) != SAR_OK) return rv;
     if (pulOutLen == nullptr) return SAR_INVALIDPARAMERR;
-    const FileRecord *file = session.app().findFile(name);
+    const FileRecord *file = session.view().findFile(name);
     if (file == nullptr) return SAR_FILE_NOT_EXIST;
     if ((rv = checkRights(file->readRights, session.security())) != SAR_OK) return rv;
     if (ulOffset > file->data.size()) return SAR_INDATALENERR;

@@ -21,6 +21,9 @@ inline ULONG userTokenKey(AppSession &session, TokenKey &tokenKey) {
 inline KeyPairRecord &keyPairOf(ContainerRecord &container, BOOL bSignFlag) {
   return bSignFlag ? container.signature : container.encryption;
 }
+inline const KeyPairRecord &keyPairOf(const ContainerRecord &container, BOOL bSignFlag) {
+  return bSignFlag ? container.signature : container.encryption;
+}
 
 }  // namespace softskf
 }  // namespace tembra

@@ -94,13 +94,13 @@ ULONG DEVAPI SKF_ECCSignData(HCONTAINER hContainer, BYTE *pbData, ULONG ulDataLe
     if (ulDataLen != crypto::kSm3DigestSize) return SAR_INDATALENERR;
     TokenKey tokenKey;
     if ((rv = userTokenKey(session, tokenKey)) != SAR_OK) return rv;
-    const KeyPairRecord &key = session.container().signature;
+    const KeyPairRecord &key = session.containerView().signature;
     if (key.algorithm != KeyAlgorithm::Sm2) return SAR_KEYNOTFOUNTERR;
-    SecureArray<32> d;
-    if (!loadSm2(tokenKey, key, d)) return SAR_FAIL;
+    const ReadyKey *ready = nullptr;
+    if (session.readyKey(TRUE, ready) != SAR_OK) return SAR_FAIL;
     ECCSIGNATUREBLOB signature;
     memset(&signature, 0, sizeof signature);
-    if (!crypto::sm2Sign(d.data(), pbData, signature.r + 32, signature.s + 32)) return SAR_FAIL;
+    if (!ready->sm2Sign(pbData, signature.r + 32, signature.s + 32)) return SAR_FAIL;
     *pSignature = signature;
     return SAR_OK;
   });
@@ -118,24 +118,24 @@ ULONG DEVAPI SKF_RSASignData(HCONTAINER hContainer, BYTE *pbData, ULONG ulDataLe
     AppSession session(call);
     if ((rv = session.openContainer(hContainer)) != SAR_OK) return rv;
     if (pulSignLen == nullptr || (pbData == nullptr && ulDataLen > 0)) return SAR_INVALIDPARAMERR;
-    const KeyPairRecord &key = session.container().signature;
+    const KeyPairRecord &key = session.containerView().signature;
     if (key.algorithm != KeyAlgorithm::Rsa) return SAR_KEYNOTFOUNTERR;
     const ULONG k = static_cast<ULONG>(key.modulus.size());
     if (pbSignature == nullptr) {
       *pulSignLen = k;
       return SAR_OK;
     }
-    if (ulDataLen > k - 11) return SAR_INDATALENERR;
+    if (k < 11 || ulDataLen > k - 11) return SAR_INDATALENERR;
     if (*pulSignLen < k) {
       *pulSignLen = k;
       return SAR_BUFFER_TOO_SMALL;
     }
     TokenKey tokenKey;
     if ((rv = userTokenKey(session, tokenKey)) != SAR_OK) return rv;
-    crypto::RsaPrivateKey privateKey;
+    const ReadyKey *ready = nullptr;
     std::vector<uint8_t> signature;
-    if (!loadRsa(tokenKey, key, privateKey)) return SAR_FAIL;
-    if (!crypto::rsaSignPkcs1(privateKey, pbData, ulDataLen, signature) || signature.size() != k)
+    if (session.readyKey(TRUE, ready) != SAR_OK) return SAR_FAIL;
+    if (!ready->rsaSignPkcs1(pbData, ulDataLen, signature) || signature.size() != k)
       return SAR_FAIL;
     memcpy(pbSignature, signature.data(), k);
     *pulSignLen = k;
@@ -157,7 +157,7 @@ ULONG DEVAPI SKF_ECCDecrypt(HCONTAINER hContainer, BOOL bSignFlag, PECCCIPHERBLO
     if (pCipherText == nullptr || pulPlainTextLen == nullptr) return SAR_INVALIDPARAMERR;
     const ULONG len = pCipherText->CipherLen;
     if (len > kMaxEccCipherLen) return SAR_INDATALENERR;
-    const KeyPairRecord &key = keyPairOf(session.container(), bSignFlag);
+    const KeyPairRecord &key = keyPairOf(session.containerView(), bSignFlag);
     if (key.algorithm != KeyAlgorithm::Sm2) return SAR_KEYNOTFOUNTERR;
     if (pbPlainText == nullptr) {
       *pulPlainTextLen = len;
@@ -169,8 +169,8 @@ ULONG DEVAPI SKF_ECCDecrypt(HCONTAINER hContainer, BOOL bSignFlag, PECCCIPHERBLO
     }
     TokenKey tokenKey;
     if ((rv = userTokenKey(session, tokenKey)) != SAR_OK) return rv;
-    SecureArray<32> d;
-    if (!loadSm2(tokenKey, key, d)) return SAR_FAIL;
+    const ReadyKey *ready = nullptr;
+    if (session.readyKey(bSignFlag, ready) != SAR_OK) return SAR_FAIL;
     // The flat form C1 || C2 || C3 that the backend takes.
     std::vector<uint8_t> flat(crypto::kSm2CipherOverhead + len);
     flat[0] = 0x04;
@@ -179,7 +179,7 @@ ULONG DEVAPI SKF_ECCDecrypt(HCONTAINER hContainer, BOOL bSignFlag, PECCCIPHERBLO
     if (len > 0) memcpy(&flat[65], pCipherText->Cipher, len);
     memcpy(&flat[65 + len], pCipherText->HASH, 32);
     SecureBytes plain;
-    if (!crypto::sm2Decrypt(d.data(), flat.data(), flat.size(), plain) || plain.size() != len)
+    if (!ready->sm2Decrypt(flat.data(), flat.size(), plain) || plain.size() != len)
       return SAR_INDATAERR;
     if (len > 0) memcpy(pbPlainText, plain.data(), len);
     *pulPlainTextLen = len;
@@ -200,15 +200,15 @@ ULONG DEVAPI SKF_RSADecrypt(HCONTAINER hContainer, BOOL bSignFlag, BYTE *pbIn, U
     AppSession session(call);
     if ((rv = session.openContainer(hContainer)) != SAR_OK) return rv;
     if (pbIn == nullptr || pulOutLen == nullptr) return SAR_INVALIDPARAMERR;
-    const KeyPairRecord &key = keyPairOf(session.container(), bSignFlag);
+    const KeyPairRecord &key = keyPairOf(session.containerView(), bSignFlag);
     if (key.algorithm != KeyAlgorithm::Rsa) return SAR_KEYNOTFOUNTERR;
     if (ulInLen != key.modulus.size()) return SAR_INDATALENERR;
     TokenKey tokenKey;
     if ((rv = userTokenKey(session, tokenKey)) != SAR_OK) return rv;
-    crypto::RsaPrivateKey privateKey;
+    const ReadyKey *ready = nullptr;
     SecureBytes plain;
-    if (!loadRsa(tokenKey, key, privateKey)) return SAR_FAIL;
-    if (!crypto::rsaDecryptPkcs1(privateKey, pbIn, ulInLen, plain)) return SAR_RSADECERR;
+    if (session.readyKey(bSignFlag, ready) != SAR_OK) return SAR_FAIL;
+    if (!ready->rsaDecryptPkcs1(pbIn, ulInLen, plain)) return SAR_RSADECERR;
     return answerBytes(plain.data(), plain.size(), pbOut, pulOutLen);
   });
 }
@@ -225,7 +225,7 @@ ULONG DEVAPI SKF_ExportPublicKey(HCONTAINER hContainer, BOOL bSignFlag, BYTE *pb
     AppSession session(call);
     if ((rv = session.openContainer(hContainer)) != SAR_OK) return rv;
     if (pulBlobLen == nullptr) return SAR_INVALIDPARAMERR;
-    const KeyPairRecord &key = keyPairOf(session.container(), bSignFlag);
+    const KeyPairRecord &key = keyPairOf(session.containerView(), bSignFlag);
     if (key.algorithm == KeyAlgorithm::Sm2) {
       ECCPUBLICKEYBLOB blob;
       fillEccBlob(key, blob);

@@ -34,6 +34,7 @@ ULONG presentPin(AppSession &session, PinRecord &record, ULONG type, const PinTe
     ULONG rv = session.save();
     SecurityState &state = session.security();
     (type == USER_TYPE ? state.user : state.admin) = false;
+    if (!state.user) state.dropKeys();               // the ready keys go with the user login
     if (!state.user && !state.admin) state.clear();  // no login left to need the token key
     setRetry(pulRetryCount, record.remaining);
     return rv != SAR_OK ? rv : SAR_PIN_INCORRECT;
@@ -141,7 +142,9 @@ ULONG DEVAPI SKF_GetPINInfo(HAPPLICATION hApplication, ULONG ulPINType, ULONG *p
     if (call.faulted(rv)) return rv;
     AppSession session(call);
     if ((rv = session.openApplication(hApplication)) != SAR_OK) return rv;
-    PinRecord *record = pinOf(session.app(), ulPINType);
+    const PinRecord *record = ulPINType == USER_TYPE    ? &session.view().userPin
+                              : ulPINType == ADMIN_TYPE ? &session.view().adminPin
+                                                        : nullptr;
     if (record == nullptr) return SAR_USER_TYPE_INVALID;
     if (pulMaxRetryCount == nullptr || pulRemainRetryCount == nullptr || pbDefaultPin == nullptr)
       return SAR_INVALIDPARAMERR;

@@ -39,15 +39,7 @@ ULONG DEVAPI SKFSoft_CreateDevice(const char *name, const char *label, const cha
     if ((rv = takeText(serial, kMaxLabelLen, record.serial)) != SAR_OK) return rv;
     if (authKey == nullptr) return SAR_INVALIDPARAMERR;
     memcpy(record.authKey.data(), authKey, 16);
-    std::string store = currentStoreDirectory();
-    if (!fs::makeDirs(store)) return SAR_WRITEFILEERR;
-    DeviceLocation location{store, deviceName};
-    if (fs::exists(location.directory())) return SAR_FILE_ALREADY_EXIST;
-    for (const StoredDevice &other : listDevices(store)) {
-      if (other.record.sequence >= record.sequence) record.sequence = other.record.sequence + 1;
-    }
-    if (record.sequence == 0) record.sequence = 1;
-    return saveDevice(location, record);
+    return createDevice(DeviceLocation{currentStoreDirectory(), deviceName}, record);
   });
 }
 
@@ -57,9 +49,7 @@ ULONG DEVAPI SKFSoft_RemoveDevice(const char *name) {
     std::string deviceName;
     ULONG rv;
     if ((rv = takeName(name, kMaxDeviceNameLen, deviceName)) != SAR_OK) return rv;
-    DeviceLocation location{currentStoreDirectory(), deviceName};
-    if (!fs::isDirectory(location.directory())) return SAR_FILE_NOT_EXIST;
-    return fs::removeTree(location.directory()) ? SAR_OK : SAR_FILEERR;
+    return removeDevice(DeviceLocation{currentStoreDirectory(), deviceName});
   });
 }
 

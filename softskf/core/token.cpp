@@ -1,6 +1,7 @@
 #include "softskf/core/token.h"
 
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 namespace tembra {
@@ -11,6 +12,12 @@ void SecurityState::clear() {
   admin = false;
   hasTokenKey = false;
   secureZero(tokenKey.data(), tokenKey.size());
+  dropKeys();
+}
+
+void SecurityState::dropKeys() {
+  keys.clear();  // each ReadyKey wipes its key material
+  keysPinSalt.clear();
 }
 
 namespace {
@@ -58,6 +65,10 @@ void Token::forgetSecurity(const DeviceLocation &device, const std::string &app)
     it->second.clear();
     m_security.erase(it);
   }
+}
+
+void Token::dropAllKeys() {
+  for (auto &entry : m_security) entry.second.dropKeys();
 }
 
 Token &token() {

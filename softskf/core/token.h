@@ -21,6 +21,7 @@
 #include "softskf/core/diagnostics.h"
 #include "softskf/core/handles.h"
 #include "softskf/keys/key_wrap.h"
+#include "softskf/keys/ready_key.h"
 #include "softskf/store/store.h"
 
 namespace tembra {
@@ -29,13 +30,21 @@ namespace softskf {
 // Login state of one application, shared by all its handles in this process.
 // It belongs to one instance of the application: a deleted and re-created
 // application of the same name starts logged out.
+//
+// While the user is logged in, the private keys used are kept unsealed and
+// ready (keys, by container and key pair). They go with the user login, at a
+// change of the user PIN (seen by its salt, whichever process made it) and
+// when the stored key is no longer the one they were made from.
 struct SecurityState {
   std::vector<uint8_t> instanceId;
   bool user = false;
   bool admin = false;
   bool hasTokenKey = false;
   TokenKey tokenKey;
+  std::vector<uint8_t> keysPinSalt;  // the user PIN's salt when the keys were made
+  std::map<std::string, std::unique_ptr<ReadyKey>> keys;
   void clear();
+  void dropKeys();
 };
 
 class Token {
@@ -49,6 +58,8 @@ class Token {
   SecurityState &security(const DeviceLocation &device, const std::string &app,
                           const std::vector<uint8_t> &instanceId);
   void forgetSecurity(const DeviceLocation &device, const std::string &app);
+  // Wipes every ready key of the process (at exit).
+  void dropAllKeys();
 
  private:
   std::map<std::string, SecurityState> m_security;

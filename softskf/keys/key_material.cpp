@@ -133,6 +133,7 @@ void fillEccBlob(const KeyPairRecord &record, ECCPUBLICKEYBLOB &blob) {
 
 bool fillRsaBlob(const KeyPairRecord &record, RSAPUBLICKEYBLOB &blob) {
   memset(&blob, 0, sizeof blob);
+  if (record.modulus.empty() || record.exponent.empty()) return false;
   if (record.modulus.size() > MAX_RSA_MODULUS_LEN || record.exponent.size() > 4) return false;
   blob.AlgID = SGD_RSA;
   blob.BitLen = bitLength(record.modulus);

@@ -11,6 +11,8 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -24,18 +26,38 @@ namespace fs {
 
 namespace {
 
+const char kTemporaryMark[] = ".tmp.";
+
 // A name for the temporary file of one write, unique within the machine.
 std::string temporaryName(const std::string &path) {
   static std::atomic<unsigned long> counter{0};
-#ifdef _WIN32
-  unsigned long pid = GetCurrentProcessId();
-#else
-  unsigned long pid = static_cast<unsigned long>(getpid());
-#endif
-  return path + ".tmp." + std::to_string(pid) + "." + std::to_string(++counter);
+  return path + kTemporaryMark + std::to_string(currentProcessId()) + "." +
+         std::to_string(++counter);
+}
+
+bool allDigits(const std::string &s, size_t from, size_t to) {
+  if (from >= to || to - from > 19) return false;
+  for (size_t i = from; i < to; ++i) {
+    if (s[i] < '0' || s[i] > '9') return false;
+  }
+  return true;
 }
 
 }  // namespace
+
+bool parseTemporaryName(const std::string &name, std::string &target, unsigned long &pid) {
+  size_t mark = name.rfind(kTemporaryMark);
+  if (mark == std::string::npos || mark == 0) return false;
+  size_t pidFrom = mark + sizeof kTemporaryMark - 1;
+  size_t dot = name.find('.', pidFrom);
+  if (dot == std::string::npos || !allDigits(name, pidFrom, dot) ||
+      !allDigits(name, dot + 1, name.size())) {
+    return false;
+  }
+  target = name.substr(0, mark);
+  pid = std::stoul(name.substr(pidFrom, dot - pidFrom));
+  return true;
+}
 
 std::string join(const std::string &dir, const std::string &name) {
   if (dir.empty()) return name;
@@ -73,9 +95,51 @@ std::string narrow(const wchar_t *s) {
   return out;
 }
 
+void stampOf(const BY_HANDLE_FILE_INFORMATION &info, FileStamp &stamp) {
+  stamp.volume = info.dwVolumeSerialNumber;
+  stamp.file = static_cast<uint64_t>(info.nFileIndexHigh) << 32 | info.nFileIndexLow;
+  stamp.size = static_cast<uint64_t>(info.nFileSizeHigh) << 32 | info.nFileSizeLow;
+  stamp.modified =
+      static_cast<int64_t>(static_cast<uint64_t>(info.ftLastWriteTime.dwHighDateTime) << 32 |
+                           info.ftLastWriteTime.dwLowDateTime);
+  stamp.changed =
+      static_cast<int64_t>(static_cast<uint64_t>(info.ftCreationTime.dwHighDateTime) << 32 |
+                           info.ftCreationTime.dwLowDateTime);
+}
+
 }  // namespace
 
-ReadResult readFile(const std::string &path, std::vector<uint8_t> &bytes) {
+unsigned long currentProcessId() {
+  return GetCurrentProcessId();
+}
+
+bool processAlive(unsigned long pid) {
+  HANDLE h = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, static_cast<DWORD>(pid));
+  if (h == nullptr) return GetLastError() == ERROR_ACCESS_DENIED;
+  DWORD code = 0;
+  bool alive = GetExitCodeProcess(h, &code) == 0 || code == STILL_ACTIVE;
+  CloseHandle(h);
+  return alive;
+}
+
+ReadResult statFile(const std::string &path, FileStamp &stamp) {
+  HANDLE h =
+      CreateFileW(wide(path).c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                  nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  if (h == INVALID_HANDLE_VALUE) {
+    DWORD err = GetLastError();
+    return (err == ERROR_FILE_NOT_FOUND || err == ERROR_PATH_NOT_FOUND) ? ReadResult::NotFound
+                                                                        : ReadResult::Error;
+  }
+  BY_HANDLE_FILE_INFORMATION info;
+  bool ok = GetFileInformationByHandle(h, &info) != 0;
+  CloseHandle(h);
+  if (!ok) return ReadResult::Error;
+  stampOf(info, stamp);
+  return ReadResult::Ok;
+}
+
+ReadResult readFile(const std::string &path, std::vector<uint8_t> &bytes, FileStamp *stamp) {
   HANDLE h = CreateFileW(wide(path).c_str(), GENERIC_READ,
                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                          OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -87,7 +151,15 @@ ReadResult readFile(const std::string &path, std::vector<uint8_t> &bytes) {
   bytes.clear();
   uint8_t buf[16384];
   ReadResult result = ReadResult::Ok;
-  for (;;) {
+  if (stamp != nullptr) {
+    BY_HANDLE_FILE_INFORMATION info;
+    if (GetFileInformationByHandle(h, &info)) {
+      stampOf(info, *stamp);
+    } else {
+      result = ReadResult::Error;
+    }
+  }
+  while (result == ReadResult::Ok) {
     DWORD got = 0;
     if (!ReadFile(h, buf, sizeof buf, &got, nullptr)) {
       result = ReadResult::Error;
@@ -177,6 +249,12 @@ bool makeDirs(const std::string &path) {
   return CreateDirectoryW(wide(path).c_str(), nullptr) != 0 || isDirectory(path);
 }
 
+MakeResult makeDirectory(const std::string &path) {
+  if (CreateDirectoryW(wide(path).c_str(), nullptr) != 0) return MakeResult::Created;
+  return GetLastError() == ERROR_ALREADY_EXISTS && isDirectory(path) ? MakeResult::Exists
+                                                                     : MakeResult::Error;
+}
+
 std::string environment(const char *name) {
   std::wstring wname = wide(name);
   const wchar_t *value = _wgetenv(wname.c_str());
@@ -194,7 +272,45 @@ bool FileLock::open(const std::string &path) {
                          OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (h == INVALID_HANDLE_VALUE) return false;
   m_handle = h;
+  m_path = path;
   return true;
+}
+
+bool FileLock::readCounter(uint64_t &value) {
+  value = 0;
+  if (m_handle == nullptr || !m_held) return false;
+  uint8_t buf[8] = {};
+  OVERLAPPED ov = {};
+  DWORD got = 0;
+  if (!ReadFile(static_cast<HANDLE>(m_handle), buf, sizeof buf, &got, &ov)) {
+    if (GetLastError() != ERROR_HANDLE_EOF) return false;
+    got = 0;
+  }
+  if (got < sizeof buf) return true;  // an empty (new) lock file: counter 0
+  for (int i = 7; i >= 0; --i) value = value << 8 | buf[i];
+  return true;
+}
+
+bool FileLock::writeCounter(uint64_t value) {
+  if (m_handle == nullptr || !m_held) return false;
+  uint8_t buf[8];
+  for (int i = 0; i < 8; ++i) buf[i] = static_cast<uint8_t>(value >> (8 * i));
+  OVERLAPPED ov = {};
+  DWORD put = 0;
+  return WriteFile(static_cast<HANDLE>(m_handle), buf, sizeof buf, &put, &ov) && put == sizeof buf;
+}
+
+bool FileLock::stillInPlace() const {
+  return m_handle != nullptr;
+}
+
+bool FileLock::usable() const {
+  return m_handle != nullptr;
+}
+
+ReadResult FileLock::statBeside(const std::string &name, FileStamp &stamp) const {
+  size_t cut = m_path.find_last_of("/\\");
+  return statFile(cut == std::string::npos ? name : m_path.substr(0, cut + 1) + name, stamp);
 }
 
 bool FileLock::tryLock() {
@@ -225,17 +341,56 @@ void FileLock::close() {
   unlock();
   if (m_handle != nullptr) CloseHandle(static_cast<HANDLE>(m_handle));
   m_handle = nullptr;
+  m_path.clear();
 }
 
 #else  // POSIX
 
-ReadResult readFile(const std::string &path, std::vector<uint8_t> &bytes) {
+namespace {
+
+void stampOf(const struct stat &st, FileStamp &stamp) {
+  stamp.volume = static_cast<uint64_t>(st.st_dev);
+  stamp.file = static_cast<uint64_t>(st.st_ino);
+  stamp.size = static_cast<uint64_t>(st.st_size);
+  stamp.modified = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  stamp.changed = static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
+}
+
+}  // namespace
+
+unsigned long currentProcessId() {
+  return static_cast<unsigned long>(getpid());
+}
+
+bool processAlive(unsigned long pid) {
+  if (pid == 0 || pid > 0x7fffffffUL) return false;
+  return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+}
+
+ReadResult statFile(const std::string &path, FileStamp &stamp) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0)
+    return errno == ENOENT || errno == ENOTDIR ? ReadResult::NotFound : ReadResult::Error;
+  stampOf(st, stamp);
+  return ReadResult::Ok;
+}
+
+ReadResult readFile(const std::string &path, std::vector<uint8_t> &bytes, FileStamp *stamp) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return errno == ENOENT || errno == ENOTDIR ? ReadResult::NotFound : ReadResult::Error;
   bytes.clear();
   uint8_t buf[16384];
   ReadResult result = ReadResult::Ok;
-  for (;;) {
+  if (stamp != nullptr) {
+    struct stat st;
+    if (::fstat(fd, &st) == 0) {
+      stampOf(st, *stamp);
+      if (st.st_size > 0) bytes.reserve(static_cast<size_t>(st.st_size));
+    } else {
+      result = ReadResult::Error;
+    }
+  }
+  while (result == ReadResult::Ok) {
     ssize_t got = ::read(fd, buf, sizeof buf);
     if (got < 0) {
       if (errno == EINTR) continue;
@@ -325,19 +480,99 @@ bool makeDirs(const std::string &path) {
   return ::mkdir(path.c_str(), 0700) == 0 || isDirectory(path);
 }
 
+MakeResult makeDirectory(const std::string &path) {
+  if (::mkdir(path.c_str(), 0700) == 0) return MakeResult::Created;
+  return errno == EEXIST && isDirectory(path) ? MakeResult::Exists : MakeResult::Error;
+}
+
 std::string environment(const char *name) {
   const char *value = ::getenv(name);
   return value == nullptr ? std::string() : std::string(value);
 }
+
+namespace {
+
+// Forks of this process so far, counted in the child: a lock file opened
+// before a fork is shared with the parent, lock included.
+std::atomic<unsigned> g_forks{0};
+
+void countFork() {
+  ++g_forks;
+}
+
+}  // namespace
 
 FileLock::~FileLock() {
   close();
 }
 
 bool FileLock::open(const std::string &path) {
+  static const bool counting = pthread_atfork(nullptr, nullptr, countFork) == 0;
+  (void)counting;
   close();
   m_fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  return m_fd >= 0;
+  if (m_fd < 0) return false;
+  struct stat st;
+  if (::fstat(m_fd, &st) != 0) {
+    close();
+    return false;
+  }
+  m_device = static_cast<uint64_t>(st.st_dev);
+  m_inode = static_cast<uint64_t>(st.st_ino);
+  m_forks = g_forks;
+  m_path = path;
+  size_t cut = path.find_last_of('/');
+  std::string dir = cut == std::string::npos ? std::string(".") : path.substr(0, cut);
+  m_directory = ::open(dir.empty() ? "/" : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  return true;
+}
+
+ReadResult FileLock::statBeside(const std::string &name, FileStamp &stamp) const {
+  if (m_directory < 0) {
+    size_t cut = m_path.find_last_of('/');
+    return statFile(cut == std::string::npos ? name : m_path.substr(0, cut + 1) + name, stamp);
+  }
+  struct stat st;
+  if (::fstatat(m_directory, name.c_str(), &st, 0) != 0)
+    return errno == ENOENT || errno == ENOTDIR ? ReadResult::NotFound : ReadResult::Error;
+  stampOf(st, stamp);
+  return ReadResult::Ok;
+}
+
+bool FileLock::usable() const {
+  return m_fd >= 0 && m_forks == g_forks;
+}
+
+bool FileLock::readCounter(uint64_t &value) {
+  value = 0;
+  if (m_fd < 0 || !m_held) return false;
+  uint8_t buf[8] = {};
+  ssize_t got;
+  do {
+    got = ::pread(m_fd, buf, sizeof buf, 0);
+  } while (got < 0 && errno == EINTR);
+  if (got < 0) return false;
+  if (got < static_cast<ssize_t>(sizeof buf)) return true;  // an empty (new) lock file: counter 0
+  for (int i = 7; i >= 0; --i) value = value << 8 | buf[i];
+  return true;
+}
+
+bool FileLock::writeCounter(uint64_t value) {
+  if (m_fd < 0 || !m_held) return false;
+  uint8_t buf[8];
+  for (int i = 0; i < 8; ++i) buf[i] = static_cast<uint8_t>(value >> (8 * i));
+  ssize_t put;
+  do {
+    put = ::pwrite(m_fd, buf, sizeof buf, 0);
+  } while (put < 0 && errno == EINTR);
+  return put == static_cast<ssize_t>(sizeof buf);
+}
+
+bool FileLock::stillInPlace() const {
+  struct stat there;
+  if (!usable() || ::stat(m_path.c_str(), &there) != 0) return false;
+  return static_cast<uint64_t>(there.st_dev) == m_device &&
+         static_cast<uint64_t>(there.st_ino) == m_inode;
 }
 
 bool FileLock::tryLock() {
@@ -359,14 +594,18 @@ bool FileLock::lock() {
 }
 
 void FileLock::unlock() {
-  if (m_fd >= 0 && m_held) ::flock(m_fd, LOCK_UN);
+  // A lock inherited from the parent is the parent's to release.
+  if (m_held && usable()) ::flock(m_fd, LOCK_UN);
   m_held = false;
 }
 
 void FileLock::close() {
   unlock();
   if (m_fd >= 0) ::close(m_fd);
+  if (m_directory >= 0) ::close(m_directory);
   m_fd = -1;
+  m_directory = -1;
+  m_path.clear();
 }
 
 #endif

@@ -57,7 +57,8 @@ bool getPin(ByteReader &r, PinRecord &pin) {
             r.bytes(pin.salt, 64) && r.u32(pin.iterations) && r.bytes(pin.verifier, 64) &&
             r.bytes(pin.wrappedTokenKey, 256);
   pin.isDefault = isDefault != 0;
-  return ok && pin.remaining <= pin.maxRetries;
+  return ok && pin.remaining <= pin.maxRetries && pin.iterations >= kMinPinIterations &&
+         pin.iterations <= kMaxPinIterations;
 }
 
 void putKey(ByteWriter &w, const KeyPairRecord &key) {
@@ -73,8 +74,12 @@ bool getKey(ByteReader &r, KeyPairRecord &key) {
   uint32_t algorithm = 0;
   if (!r.u32(algorithm) || algorithm > 2) return false;
   key.algorithm = static_cast<KeyAlgorithm>(algorithm);
-  return r.bytes(key.publicX, 32) && r.bytes(key.publicY, 32) && r.bytes(key.modulus, 512) &&
-         r.bytes(key.exponent, 512) && r.bytes(key.sealedPrivate, 8192);
+  if (!r.bytes(key.publicX, 32) || !r.bytes(key.publicY, 32) || !r.bytes(key.modulus, 512) ||
+      !r.bytes(key.exponent, 512) || !r.bytes(key.sealedPrivate, 8192)) {
+    return false;
+  }
+  // An RSA key without its modulus or exponent is no key.
+  return key.algorithm != KeyAlgorithm::Rsa || (!key.modulus.empty() && !key.exponent.empty());
 }
 
 }  // namespace
@@ -90,18 +95,27 @@ uint32_t ContainerRecord::type() const {
   }
 }
 
-ContainerRecord *ApplicationRecord::findContainer(const std::string &containerName) {
-  for (ContainerRecord &c : containers) {
+const ContainerRecord *ApplicationRecord::findContainer(const std::string &containerName) const {
+  for (const ContainerRecord &c : containers) {
     if (c.name == containerName) return &c;
   }
   return nullptr;
 }
 
-FileRecord *ApplicationRecord::findFile(const std::string &fileName) {
-  for (FileRecord &f : files) {
+ContainerRecord *ApplicationRecord::findContainer(const std::string &containerName) {
+  return const_cast<ContainerRecord *>(
+      static_cast<const ApplicationRecord *>(this)->findContainer(containerName));
+}
+
+const FileRecord *ApplicationRecord::findFile(const std::string &fileName) const {
+  for (const FileRecord &f : files) {
     if (f.name == fileName) return &f;
   }
   return nullptr;
+}
+
+FileRecord *ApplicationRecord::findFile(const std::string &fileName) {
+  return const_cast<FileRecord *>(static_cast<const ApplicationRecord *>(this)->findFile(fileName));
 }
 
 std::vector<uint8_t> encodeDevice(const DeviceRecord &device) {

@@ -25,6 +25,12 @@ constexpr size_t kMaxContainers = 64;
 constexpr size_t kMaxFiles = 256;
 constexpr size_t kMaxFileSize = 1u << 20;
 constexpr size_t kMaxCertificateSize = 1u << 16;
+// The PIN derivation's iteration counts a store may hold: one verification
+// runs under the store lock, so a count that would hold it for minutes (a
+// damaged or hostile file) is refused with the file. A million keeps room
+// to raise today's count a thousandfold.
+constexpr uint32_t kMinPinIterations = 1;
+constexpr uint32_t kMaxPinIterations = 1000000;
 
 struct DeviceRecord {
   std::string label;
@@ -87,7 +93,9 @@ struct ApplicationRecord {
   std::vector<FileRecord> files;            // creation order
 
   ContainerRecord *findContainer(const std::string &containerName);
+  const ContainerRecord *findContainer(const std::string &containerName) const;
   FileRecord *findFile(const std::string &fileName);
+  const FileRecord *findFile(const std::string &fileName) const;
 };
 
 std::vector<uint8_t> encodeDevice(const DeviceRecord &device);

@@ -1,6 +1,8 @@
 // PIN life cycle and security states of the software token.
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "tests/softskf/soft_token_fixture.h"
 
 namespace softskf_test {
@@ -179,6 +181,35 @@ TEST_F(PinTest, PrivateOperationsNeedTheUserLogin) {
   ULONG type = 9;
   EXPECT_EQ(SAR_OK, SKF_GetContainerType(con, &type));
   EXPECT_EQ(2u, type);
+}
+
+// A signature made ready keeps no key past the user login, however it ends.
+TEST_F(PinTest, ReadyKeysGoWithTheUserLogin) {
+  DEVHANDLE dev = makeDevice();
+  HAPPLICATION app = makeApplication(dev, "app", 9);
+  HCONTAINER con = makeSm2Container(app);
+  const std::pair<const char *, ULONG (*)(HAPPLICATION)> logouts[] = {
+      {"SKF_ClearSecureState", [](HAPPLICATION a) -> ULONG { return SKF_ClearSecureState(a); }},
+      {"a wrong user PIN, the administrator still logged in",
+       [](HAPPLICATION a) -> ULONG {
+         ULONG retry;
+         if (SKF_VerifyPIN(a, ADMIN_TYPE, const_cast<char *>(kAdminPin), &retry) != SAR_OK)
+           return SAR_FAIL;
+         return SKF_VerifyPIN(a, USER_TYPE, const_cast<char *>("wrong-pin"), &retry) ==
+                        SAR_PIN_INCORRECT
+                    ? SAR_OK
+                    : SAR_FAIL;
+       }},
+  };
+  BYTE digest[32] = {9};
+  ECCSIGNATUREBLOB sig;
+  for (const auto &logout : logouts) {
+    SCOPED_TRACE(logout.first);
+    loginUser(app);
+    ASSERT_EQ(SAR_OK, SKF_ECCSignData(con, digest, 32, &sig));
+    ASSERT_EQ(SAR_OK, logout.second(app));
+    EXPECT_EQ(SAR_USER_NOT_LOGGED_IN, SKF_ECCSignData(con, digest, 32, &sig));
+  }
 }
 
 TEST_F(PinTest, LoginIsSharedByHandlesOfOneApplicationAndClearedForAll) {
