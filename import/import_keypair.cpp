@@ -36,7 +36,6 @@ Keypair *findSignatureKeypair(Device *hDevice, const char *label) {
 
 }  // namespace
 
-// The index in m_containers of the first container named `label`, or -1.
 int GetContainerIndex(SPI_DEVICE_HANDLE hDevice, const char *label) {
   LOG_DEBUG("GetContainerIndex label=%s, hDevice->m_containerCount=%d", label,
             hDevice->m_containerCount);

@@ -1,7 +1,8 @@
 // The internal routines behind DeviceImportKeypair: the two payload
 // importers and the enveloping of a plain "_KEYPAIR" blob.
 //
-// All run with g_lock held by their caller and take no lock themselves.
+// The payload routines run with g_lock held by their caller and take no lock
+// themselves.
 #ifndef TEMBRA_IMPORT_KEYPAIR_IMPORT_H
 #define TEMBRA_IMPORT_KEYPAIR_IMPORT_H
 
@@ -9,6 +10,10 @@
 
 // Length of the "SCAENCKP" header before the payload.
 #define ENVELOPED_HEADER_LEN 20
+
+// The index in m_containers of the first container whose label equals
+// `label` (exact bytes), or -1. Runs before g_lock is taken.
+int GetContainerIndex(SPI_DEVICE_HANDLE hDevice, const char *label);
 
 // Import the encryption key pair carried by an "SCAENCKP" payload (the bytes
 // after the 20-byte header) into the container, after checking that the

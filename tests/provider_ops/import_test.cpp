@@ -9,6 +9,8 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include <stdio.h>
+
 #include <functional>
 #include <memory>
 
@@ -207,6 +209,14 @@ class ImportTest : public OpsTest {
     EXPECT_EQ(std::string(kMessage), std::string(plain.begin(), plain.begin() + len));
   }
 
+  // The device release line written since the last mark.
+  std::string releaseLine() const {
+    for (const std::string &message : m_log.messages("[INFO]")) {
+      if (message.rfind("hDevice->m_refCount=", 0) == 0) return message;
+    }
+    return std::string();
+  }
+
   std::vector<SPI_KEYPAIR_HANDLE> m_imported;
 };
 
@@ -234,9 +244,25 @@ TEST_P(EnvelopedImportTest, ImportedKeyDecryptsAndExportsItsPublicKey) {
   const Bytes blob = envelopeFor(signatureKey(c.label), key).blob();
   login();
   const int before = DeviceGetKeypairCount(device());
+  m_log.mark();
+  DeviceFreeKeypair(DeviceGetKeypair(device(), 0));
+  const std::string baseline = releaseLine();
   ASSERT_EQ(1, import(blob, c.label));
   EXPECT_EQ(before + 1, DeviceGetKeypairCount(device()));
   expectUsable(key, c.bits);
+
+  // The import added two references; releasing its handle gives one back,
+  // so the count stays one above what a release left before the import.
+  m_log.mark();
+  DeviceFreeKeypair(m_imported.back());
+  m_imported.pop_back();
+  int refBefore = 0, refAfter = 0, countBefore = 0, countAfter = 0;
+  ASSERT_EQ(2, sscanf(baseline.c_str(), "hDevice->m_refCount=%d, hDevice->m_keypairCount=%d",
+                      &refBefore, &countBefore));
+  ASSERT_EQ(2, sscanf(releaseLine().c_str(), "hDevice->m_refCount=%d, hDevice->m_keypairCount=%d",
+                      &refAfter, &countAfter));
+  EXPECT_EQ(refBefore + 1, refAfter);
+  EXPECT_EQ(countBefore + 1, countAfter);
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, EnvelopedImportTest,
