@@ -39,7 +39,7 @@ class KeygenCliBase : public ::testing::Test {
     test::setEnv("TEMBRA_TEST_USER_PIN", "11112222");
     // One key pair, so that the store holds no keyless container to reuse.
     Outcome run = tembra({"token", "create", "tok", "--container", "X:sm2:noenc:nocert",
-                          "--user-pin-env", "TEMBRA_TEST_USER_PIN"});
+                          "--user-pin-env", "TEMBRA_TEST_USER_PIN", "--default-pins"});
     ASSERT_EQ(run.status, 0) << run.err;
   }
 
