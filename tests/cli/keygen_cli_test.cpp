@@ -133,6 +133,9 @@ TEST_F(KeygenCliBase, DataObjectsRoundTrip) {
   EXPECT_EQ(run.err, "tembra: offset or length outside data object 3\n");
   run = tembra({"data", "read", "4"});
   EXPECT_EQ(run.err, "tembra: no data object 4\n");
+  // The listing goes through the token library, yet honours the device choice.
+  run = tembra({"data", "list", "--token-label", "other"});
+  EXPECT_EQ(run.err, "tembra: no device with label 'other'\n");
 }
 
 }  // namespace
