@@ -37,7 +37,8 @@ const OptionDefinition kOutput = {"output", true, 'o', false,
 const OptionDefinition kPem = {"pem", false, '\0', false, "PEM instead of DER"};
 
 bool takesPositionals(const std::string &command) {
-  return command == "cert" || command == "token" || command == "data";
+  return command == "cert" || command == "token" || command == "data" || command == "random" ||
+         command == "cipher";
 }
 
 const Command *findCommand(const std::string &name) {
@@ -231,6 +232,30 @@ const std::vector<Command> &allCommands() {
       {"decrypt", "decrypt a file with a key pair on the token",
        "--label L [--type enc|sign] -i CIPHERFILE [-o FILE] [PIN options]",
        join({kLabel, kEncType, kInput, kOutput}, {pinOptions("")}), runDecrypt},
+      {"random",
+       "random bytes from the token (raw, or hexadecimal text with --hex)",
+       "N [--hex] [-o FILE]",
+       {{"hex", false, '\0', false, "hexadecimal text instead of raw bytes (default: raw)"},
+        {"output", true, 'o', false, "FILE: where the bytes go (default: standard output)"}},
+       runRandom},
+      {"hash", "SM3 digest of a file, computed on the token", "-i FILE", {kInput}, runHash},
+      {"cipher",
+       "SM4 encryption or decryption on the token with a raw key",
+       "encrypt|decrypt --alg sm4-ecb|sm4-cbc --key-file F [--iv HEX32] [--pad] -i FILE [-o FILE]",
+       {{"alg", true, '\0', false, "A: sm4-ecb or sm4-cbc"},
+        {"key-file", true, '\0', false, "FILE: the 16-byte key, raw or as 32 hex digits"},
+        {"iv", true, '\0', false, "HEX32: the initial vector of sm4-cbc, 32 hex digits"},
+        {"pad", false, '\0', false,
+         "PKCS #7 padding: added before encryption, checked and removed after decryption "
+         "(default: none, whole 16-byte blocks only)"},
+        kInput,
+        kOutput},
+       runCipher},
+      {"mechanisms",
+       "the algorithms and usages the provider reports for a device",
+       "",
+       {},
+       runMechanisms},
       {"keygen", "generate a signature key pair on the token",
        "--label L [--alg sm2|rsa1024|rsa2048] [PIN options]",
        join({kLabel, {"alg", true, '\0', false, "A: sm2, rsa1024 or rsa2048 (default: sm2)"}},
