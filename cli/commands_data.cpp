@@ -8,6 +8,7 @@
 #include <functional>
 
 #include "cli/commands.h"
+#include "cli/errors.h"
 #include "cli/files.h"
 #include "cli/pin_input.h"
 #include "cli/session.h"
@@ -16,6 +17,8 @@
 namespace tembra {
 namespace cli {
 namespace {
+
+const size_t kLargestDataObject = 1u << 20;
 
 int dataIdFrom(const std::string &text) {
   int id = 0;
@@ -76,54 +79,92 @@ int withPinWhereNeeded(CommandContext &context, const ProviderApi &api, SPI_DEVI
   return rv;
 }
 
-void check(int rv, const char *call, int id) {
+// what: "reading", "writing", ... for the failures without words of
+// their own.
+void check(int rv, const char *what, int id) {
   const std::string object = "data object " + std::to_string(id);
   if (rv == ORVEL_PKI_OK) return;
   if (rv == ORVEL_PKI_EXISTS) throw CliError(object + " exists");
   if (rv == ORVEL_PKI_NOTEXISTS) throw CliError("no " + object);
-  if (rv == ORVEL_PKI_NOTLOGGEDIN) throw CliError("the token wants the user PIN for " + object);
+  if (rv == ORVEL_PKI_NOTLOGGEDIN) {
+    throw CliError("the token refuses " + object +
+                   " to the user: see its rights in 'tembra data "
+                   "list'");
+  }
   if (rv == ORVEL_PKI_BADARGUMENT) throw CliError("offset or length outside " + object);
-  throw CliError(std::string(call) + " failed (" + std::to_string(rv) + ")");
+  checkProviderResult(rv, std::string(what) + " " + object);
 }
 
-// The application behind the provider's device `index`, found the way
-// discovery counts: present tokens in order, one device per application
-// that opens, one for a token without application (which has no files).
+// The token's side of one provider device, for the file listing the
+// provider lacks. Discovery makes one device per application that opens (one
+// for a token without application, which has no files), a token's devices
+// side by side; so the device is found by its token's serial number and
+// label, and its application by the device's place among the provider's
+// devices of that token. Counting over every present token instead would
+// name the wrong token's objects once the provider leaves a token out.
+struct TokenPlace {
+  std::string serial;
+  std::string label;
+  int ordinal = 0;  // among the provider's devices of this token
+};
+
+TokenPlace placeOf(const CommandContext &context) {
+  ProviderSession session;
+  const ProviderApi &api = session.api();
+  const int index = session.indexOf(context.deviceIndex);
+  TokenPlace place;
+  place.serial = deviceSerial(api, session.device(index));
+  place.label = deviceLabel(api, session.device(index));
+  for (int other = 0; other < index; ++other) {
+    SPI_DEVICE_HANDLE device = session.device(other);
+    if (deviceSerial(api, device) == place.serial && deviceLabel(api, device) == place.label) {
+      ++place.ordinal;
+    }
+  }
+  return place;
+}
+
+std::string fieldText(const char *field, size_t size) {
+  return std::string(field, strnlen(field, size));
+}
+
 class DeviceApplication {
  public:
-  explicit DeviceApplication(int index) {
+  explicit DeviceApplication(const TokenPlace &place) {
     char names[1024] = {0};
     ULONG size = sizeof(names) - 1;
-    if (SKF_EnumDev(TRUE, names, &size) != SAR_OK) throw CliError("SKF_EnumDev failed");
-    int seen = 0;
+    const ULONG rv = SKF_EnumDev(TRUE, names, &size);
+    if (rv != SAR_OK) throw CliError("cannot list the tokens: " + tokenResultText(rv));
     for (const char *dev = names; *dev != '\0' && dev < names + sizeof(names) - 1;
          dev += strlen(dev) + 1) {
       DEVHANDLE device = nullptr;
       if (SKF_ConnectDev(const_cast<LPSTR>(dev), &device) != SAR_OK) continue;
-      char apps[1024] = {0};
-      ULONG appSize = sizeof(apps) - 1;
-      if (SKF_EnumApplication(device, apps, &appSize) != SAR_OK || apps[0] == '\0') {
-        if (seen++ == index) {
-          m_device = device;
-          return;
-        }
+      DEVINFO info;
+      memset(&info, 0, sizeof(info));
+      if (SKF_GetDevInfo(device, &info) != SAR_OK ||
+          fieldText(info.SerialNumber, sizeof(info.SerialNumber)) != place.serial ||
+          fieldText(info.Label, sizeof(info.Label)) != place.label) {
         SKF_DisConnectDev(device);
         continue;
       }
+      m_device = device;
+      char apps[1024] = {0};
+      ULONG appSize = sizeof(apps) - 1;
+      if (SKF_EnumApplication(device, apps, &appSize) != SAR_OK || apps[0] == '\0') return;
+      int seen = 0;
       for (const char *app = apps; *app != '\0' && app < apps + sizeof(apps) - 1;
            app += strlen(app) + 1) {
         HAPPLICATION application = nullptr;
         if (SKF_OpenApplication(device, const_cast<LPSTR>(app), &application) != SAR_OK) continue;
-        if (seen++ == index) {
-          m_device = device;
+        if (seen++ == place.ordinal) {
           m_application = application;
           return;
         }
         SKF_CloseApplication(application);
       }
-      SKF_DisConnectDev(device);
+      return;
     }
-    throw CliError("no device " + std::to_string(index));
+    throw CliError("the token with serial '" + place.serial + "' is no longer present");
   }
   ~DeviceApplication() {
     if (m_application != nullptr) SKF_CloseApplication(m_application);
@@ -138,9 +179,8 @@ class DeviceApplication {
     if (m_application == nullptr) return files;
     std::vector<char> list(8192, '\0');
     ULONG size = ULONG(list.size() - 1);
-    if (SKF_EnumFiles(m_application, list.data(), &size) != SAR_OK) {
-      throw CliError("SKF_EnumFiles failed");
-    }
+    const ULONG rv = SKF_EnumFiles(m_application, list.data(), &size);
+    if (rv != SAR_OK) throw CliError("cannot list the data objects: " + tokenResultText(rv));
     for (const char *name = list.data(); *name != '\0' && name < list.data() + list.size() - 1;
          name += strlen(name) + 1) {
       int id = 0;
@@ -161,7 +201,7 @@ class DeviceApplication {
 
 int runList(CommandContext &context) {
   std::vector<Record> rows;
-  for (const auto &file : DeviceApplication(context.deviceIndex.index).numberedFiles()) {
+  for (const auto &file : DeviceApplication(placeOf(context)).numberedFiles()) {
     rows.push_back({{"id", file.first},
                     {"size", int64_t(file.second.FileSize)},
                     {"read", rightsText(file.second.ReadRights)},
@@ -192,7 +232,10 @@ int runData(CommandContext &context) {
     mode = {char(3), char(rightsOf(context.args, "anyone")), char(rightsOf(context.args, "user"))};
   } else if (verb == "write") {
     if (!context.args.has("input")) throw UsageError("data write needs -i <file>");
-    input = readFile(context.args.value("input"));
+    // The tokens keep data objects small; the bound keeps a wrong input
+    // from being read whole.
+    input =
+        readFile(context.args.value("input"), kLargestDataObject, "more than a data object holds");
     if (input.empty()) throw UsageError("nothing to write: the input is empty");
   }
   const int size = numberOption(context.args, "size", 0);
@@ -204,7 +247,7 @@ int runData(CommandContext &context) {
   if (verb == "create") {
     check(withPinWhereNeeded(context, api, device,
                              [&] { return api.DeviceCreateData(device, id, mode.data(), size); }),
-          "DeviceCreateData", id);
+          "creating", id);
     context.out.record({{"id", id},
                         {"size", size},
                         {"read", context.args.value("read", "anyone")},
@@ -215,12 +258,12 @@ int runData(CommandContext &context) {
                                return api.DeviceWriteDataEx(device, id, offset, input.data(),
                                                             int(input.size()));
                              }),
-          "DeviceWriteDataEx", id);
+          "writing", id);
     context.out.record({{"id", id}, {"offset", offset}, {"written", int64_t(input.size())}});
   } else if (verb == "delete") {
     check(
         withPinWhereNeeded(context, api, device, [&] { return api.DeviceDeleteData(device, id); }),
-        "DeviceDeleteData", id);
+        "deleting", id);
     context.out.record({{"id", id}, {"deleted", true}});
   } else {
     Bytes data;
@@ -236,15 +279,14 @@ int runData(CommandContext &context) {
                 if (length == 0) return rv;
                 return api.DeviceReadDataEx(device, id, offset, data.data(), length, &length);
               }),
-          "DeviceReadDataEx", id);
+          "reading", id);
     data.resize(size_t(length));
     const std::string path = context.args.value("output", "-");
-    if (context.out.json() && !context.args.has("output")) {
-      context.out.record({{"id", id}, {"offset", offset}, {"data", hexText(data)}});
-    } else {
-      writeFile(path, data);
-      if (path != "-") context.out.record({{"id", id}, {"written", path}, {"bytes", length}});
-    }
+    context.out.writeResult(path, data.data(), data.size());
+    context.out.record({{"id", id},
+                        {"offset", offset},
+                        {"output", path.empty() || path == "-" ? "standard output" : path},
+                        {"bytes", length}});
   }
   return 0;
 }

@@ -5,6 +5,7 @@
 
 #include "cli/commands.h"
 #include "cli/enveloped_blob.h"
+#include "cli/errors.h"
 #include "cli/files.h"
 #include "cli/key_files.h"
 #include "cli/pin_input.h"
@@ -15,6 +16,9 @@
 namespace tembra {
 namespace cli {
 namespace {
+
+// An "SCAENCKP" blob of an RSA-2048 key pair is well under 4 KiB.
+const size_t kLargestBlob = 64u << 10;
 
 std::string requiredOption(const Arguments &args, const char *name, const char *display) {
   if (!args.has(name) || args.value(name).empty()) {
@@ -42,7 +46,7 @@ int runImport(CommandContext &context) {
   const bool enveloped = context.args.has("enveloped");
   SecureBytes blob;
   if (enveloped) {
-    const Bytes bytes = readFile(input);
+    const Bytes bytes = readFile(input, kLargestBlob, "not an enveloped key pair");
     if (bytes.size() < 8 || memcmp(bytes.data(), "SCAENCKP", 8) != 0) {
       throw CliError(input + " is no enveloped key pair (\"SCAENCKP\" blob)");
     }
@@ -61,12 +65,12 @@ int runImport(CommandContext &context) {
   SPI_KEYPAIR_HANDLE handle = nullptr;
   const int rv = api.DeviceImportKeypair(device, blob.data(), int(blob.size()),
                                          ORVEL_PKI_KEYPAIRTYPE_ENCRYPT, label.c_str(), &handle);
-  if (rv == ORVEL_PKI_NOTLOGGEDIN) throw CliError("DeviceImportKeypair: user not logged in (-8)");
-  if (rv != ORVEL_PKI_OK) {
-    throw CliError("DeviceImportKeypair failed (" + std::to_string(rv) +
-                   "): is there a signature key pair labelled '" + label +
+  if (rv == ORVEL_PKI_FAIL || rv == ORVEL_PKI_NOTEXISTS || rv == ORVEL_PKI_BADARGUMENT) {
+    throw CliError("import failed: " + providerResultText(rv) +
+                   "; is there a signature key pair labelled '" + label +
                    "' of the key's algorithm, and was the blob made for it?");
   }
+  checkProviderResult(rv, "import");
   KeypairRef keypair(api, handle);
   context.out.record({{"label", label},
                       {"type", keypairTypeText(ORVEL_PKI_KEYPAIRTYPE_ENCRYPT)},
@@ -79,16 +83,16 @@ int runImport(CommandContext &context) {
 int runEnvelope(CommandContext &context) {
   const std::string to = requiredOption(context.args, "to", "--to <public key or certificate>");
   const std::string input = requiredOption(context.args, "input", "-i <key file>");
-  const std::string output = requiredOption(context.args, "output", "-o <blob file>");
+  const std::string output = context.args.value("output", "-");
   const std::string sym = context.args.value("sym", "sm4");
   if (sym != "sm4") throw UsageError("--sym: only sm4 is available in software, not '" + sym + "'");
   const Bytes recipient = readRecipientFile(to);
   const PrivateKey key = readPrivateKeyFile(input);
   const Bytes blob = envelopeKeyPair(recipient, key);
-  writeFile(output, blob);
+  context.out.writeResult(output, blob.data(), blob.size());
   context.out.record({{"algorithm", key.sm2 ? "SM2" : "RSA"},
                       {"to", to},
-                      {"output", output},
+                      {"output", output.empty() || output == "-" ? "standard output" : output},
                       {"bytes", int64_t(blob.size())}});
   return 0;
 }

@@ -1,22 +1,16 @@
 // `tembra keygen`, `csr` and `delete-key`: signature key pairs made and
 // removed on the token through the provider (DeviceGenerateKeypair,
 // DeviceDeleteKeypair), and PKCS #10 requests signed on the token.
-#include <stdio.h>
-
 #include <iostream>
-
-#if defined(_WIN32)
-#include <io.h>
-#else
-#include <unistd.h>
-#endif
 
 #include "cli/commands.h"
 #include "cli/csr.h"
+#include "cli/errors.h"
 #include "cli/files.h"
 #include "cli/pin_input.h"
 #include "cli/session.h"
 #include "cli/signing.h"
+#include "cli/terminal.h"
 #include "crypto/backend.h"
 #include "crypto/key_formats.h"
 
@@ -35,14 +29,6 @@ SecretText userPin(CommandContext &context) {
   std::string error;
   if (!readPin(context.args, "", "User PIN", context.err, pin, &error)) throw UsageError(error);
   return pin;
-}
-
-bool stdinIsTerminal() {
-#if defined(_WIN32)
-  return _isatty(_fileno(stdin)) != 0;
-#else
-  return isatty(STDIN_FILENO) != 0;
-#endif
 }
 
 // "sm3:<hex>" of an SM2 key's SubjectPublicKeyInfo, "sha256:<hex>" of an
@@ -68,7 +54,7 @@ Bytes signOnToken(const ProviderApi &api, SPI_KEYPAIR_HANDLE keypair, bool sm2, 
     rv = api.DeviceSign(keypair, algo, nullptr, tbs.data(), int(tbs.size()), signature.data(), len,
                         &len);
   }
-  if (rv != ORVEL_PKI_OK) throw CliError("DeviceSign failed (" + std::to_string(rv) + ")");
+  checkProviderResult(rv, "signing the request");
   signature.resize(size_t(len));
   return signature;
 }
@@ -98,10 +84,9 @@ int runKeygen(CommandContext &context) {
                                            algo == ORVEL_PKI_ALGORITHM_ECC ? &param : nullptr,
                                            ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, label.c_str(), &handle);
   if (rv == ORVEL_PKI_EXISTS) throw CliError("a container labelled '" + label + "' exists");
-  if (rv == ORVEL_PKI_NOTLOGGEDIN) throw CliError("the token wants the user PIN first");
-  if (rv != ORVEL_PKI_OK || handle == nullptr) {
-    throw CliError("DeviceGenerateKeypair failed (" + std::to_string(rv) + ")");
-  }
+  checkProviderResult(rv, "key pair generation");
+  if (handle == nullptr)
+    throw CliError("key pair generation failed: the provider gave no key pair");
   KeypairRef keypair(api, handle);
   const bool sm2 = algo == ORVEL_PKI_ALGORITHM_ECC;
   context.out.record({{"label", label},
@@ -129,19 +114,19 @@ int runCsr(CommandContext &context) {
   const Bytes request = certificationRequest(info, sm2, signOnToken(api, keypair.get(), sm2, tbs));
 
   const std::string path = context.args.value("output", "-");
-  if (context.args.has("pem")) {
-    const std::string text =
-        crypto::pemArmour("CERTIFICATE REQUEST", request.data(), request.size());
-    writeFile(path, reinterpret_cast<const uint8_t *>(text.data()), text.size());
+  const bool pem = context.args.has("pem");
+  const std::string text =
+      pem ? crypto::pemArmour("CERTIFICATE REQUEST", request.data(), request.size()) : "";
+  if (pem) {
+    context.out.writeResult(path, reinterpret_cast<const uint8_t *>(text.data()), text.size(),
+                            true);
   } else {
-    writeFile(path, request);
+    context.out.writeResult(path, request.data(), request.size());
   }
-  if (path != "-") {
-    context.out.record({{"label", label},
-                        {"algorithm", sm2 ? "SM2" : "RSA"},
-                        {"written", path},
-                        {"bytes", int64_t(request.size())}});
-  }
+  context.out.record({{"label", label},
+                      {"algorithm", sm2 ? "SM2" : "RSA"},
+                      {"request", path.empty() || path == "-" ? "standard output" : path},
+                      {"bytes", int64_t(pem ? text.size() : request.size())}});
   return 0;
 }
 
@@ -165,9 +150,7 @@ int runDeleteKey(CommandContext &context) {
   SPI_DEVICE_HANDLE device = session.device(context.deviceIndex);
   KeypairRef keypair(api, findKeypair(api, device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, label));
   login(api, device, 1, pin.c_str());
-  const int rv = api.DeviceDeleteKeypair(keypair.get());
-  if (rv == ORVEL_PKI_NOTLOGGEDIN) throw CliError("the token wants the user PIN first");
-  if (rv != ORVEL_PKI_OK) throw CliError("DeviceDeleteKeypair failed (" + std::to_string(rv) + ")");
+  checkProviderResult(api.DeviceDeleteKeypair(keypair.get()), "deleting '" + label + "'");
   context.out.record({{"label", label}, {"deleted", true}});
   return 0;
 }

@@ -32,6 +32,20 @@ const char *exampleFor(const std::string &name) {
       {"verify", "tembra verify --pubkey sign.pem -i contract.pdf -s contract.sig"},
       {"encrypt", "tembra encrypt --label Sign -i note.txt -o note.bin"},
       {"decrypt", "tembra decrypt --label Sign -i note.bin -o note.txt --pin-file pin.txt"},
+      {"random", "tembra random 32 --hex"},
+      {"hash", "tembra hash -i contract.pdf"},
+      {"cipher",
+       "tembra cipher encrypt --alg sm4-cbc --key-file key.hex --iv "
+       "000102030405060708090a0b0c0d0e0f --pad -i note.txt -o note.sm4"},
+      {"mechanisms", "tembra mechanisms --json"},
+      {"keygen", "tembra keygen --label Sign2 --alg sm2 --pin-file pin.txt"},
+      {"csr",
+       "tembra csr --label Sign2 --subject /CN=Alice/O=Example --pem -o alice.csr "
+       "--pin-file pin.txt"},
+      {"delete-key", "tembra delete-key --label Sign2 --yes --pin-file pin.txt"},
+      {"data", "tembra data read 3 --length 16 | od -An -tx1"},
+      {"import", "tembra import --label Sign --enveloped -i enc.blob --pin-file pin.txt"},
+      {"envelope", "tembra envelope --to sign.pem -i enc.key -o enc.blob"},
       {"demo", "tembra demo --store /tmp/demo-store"},
   };
   for (const auto &example : examples) {
@@ -174,7 +188,8 @@ void writeBashCompletion(std::ostream &out) {
          "    case \"$w\" in -*) ;; *) cmd=\"$w\"; break ;; esac\n"
          "  done\n"
          "  case \"$prev\" in\n"
-         "    -i|-o|-s|--input|--output|--signature|--pubkey|--module|--*pin-file)\n"
+         "    "
+         "-i|-o|-s|--input|--output|--signature|--pubkey|--to|--key-file|--module|--*pin-file)\n"
          "      COMPREPLY=($(compgen -f -- \"$cur\")); return ;;\n"
          "    --store) COMPREPLY=($(compgen -d -- \"$cur\")); return ;;\n"
          "  esac\n"
@@ -187,9 +202,12 @@ void writeBashCompletion(std::ostream &out) {
     names += std::string(" ") + command.name;
     std::string options;
     for (const OptionDefinition &option : command.options) options += " --" + option.name;
-    std::string words = command.name == std::string("cert")    ? "get put"
-                        : command.name == std::string("token") ? "create list remove plug unplug"
-                                                               : "";
+    const std::string name = command.name;
+    const std::string words = name == "cert"     ? "get put"
+                              : name == "token"  ? "create list remove plug unplug"
+                              : name == "data"   ? "list create read write delete"
+                              : name == "cipher" ? "encrypt decrypt"
+                                                 : "";
     out << "    " << command.name << ") COMPREPLY=($(compgen -W \"" << words
         << (words.empty() ? "" : " ") << (options.empty() ? "" : options.substr(1))
         << " $globals\" -- \"$cur\")) ;;\n";

@@ -11,6 +11,10 @@ namespace tembra {
 namespace cli {
 namespace {
 
+// Key files and certificates are a few KiB; the bound keeps a wrong input
+// from being read whole.
+const size_t kLargestKeyFile = 1u << 20;
+
 der::Bytes oidContent(const char *dotted) {
   der::Bytes encoded;
   der::oid(dotted, encoded);
@@ -120,7 +124,7 @@ bool certificateSpki(const std::vector<uint8_t> &der, std::vector<uint8_t> &spki
 }  // namespace
 
 PrivateKey readPrivateKeyFile(const std::string &path) {
-  std::vector<uint8_t> bytes = readFile(path);
+  std::vector<uint8_t> bytes = readFile(path, kLargestKeyFile, "not a private key file");
   struct Wipe {
     std::vector<uint8_t> &bytes;
     ~Wipe() { secureZero(bytes.data(), bytes.size()); }
@@ -147,7 +151,7 @@ PrivateKey readPrivateKeyFile(const std::string &path) {
 }
 
 std::vector<uint8_t> readRecipientFile(const std::string &path) {
-  const std::vector<uint8_t> bytes = readFile(path);
+  const std::vector<uint8_t> bytes = readFile(path, kLargestKeyFile, "not a key or certificate");
   std::vector<uint8_t> der;
   if (!bytes.empty() && bytes[0] == 0x30) {
     der = bytes;

@@ -1,6 +1,8 @@
 #include "cli/output.h"
 
+#include <errno.h>
 #include <stdio.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <iostream>
@@ -85,6 +87,13 @@ void Output::writeResult(const std::string &path, const uint8_t *data, size_t le
     writeFile(path, data, len);
     return;
   }
+  std::ostream &stream = resultStream(printable);
+  stream.write(reinterpret_cast<const char *>(data), std::streamsize(len));
+  stream.flush();
+  if (!stream) throw CliError("cannot write to standard output");
+}
+
+std::ostream &Output::resultStream(bool printable) {
   if (!printable && m_settings.stdoutIsTerminal && !m_settings.force) {
     throw CliError(
         "refusing to write binary data to the terminal: name a file with -o, pipe the output, "
@@ -94,10 +103,53 @@ void Output::writeResult(const std::string &path, const uint8_t *data, size_t le
     m_out.flush();
     binaryStandardOutput();
   }
-  m_out.write(reinterpret_cast<const char *>(data), std::streamsize(len));
-  m_out.flush();
-  if (!m_out) throw CliError("cannot write to standard output");
   m_resultOnStdout = true;
+  return m_out;
+}
+
+ResultStream::ResultStream(Output &output, const std::string &path, bool printable) : m_path(path) {
+  if (path.empty() || path == "-") {
+    m_stdout = &output.resultStream(printable);
+    return;
+  }
+  m_file = fopen(path.c_str(), "wb");
+  if (m_file == nullptr) {
+    const int reason = errno;
+    struct stat status;
+    throw CliError(
+        fileError("cannot create", path,
+                  stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) ? EISDIR : reason));
+  }
+}
+
+ResultStream::~ResultStream() {
+  if (m_file == nullptr) return;
+  fclose(m_file);
+  if (!m_finished) remove(m_path.c_str());
+}
+
+void ResultStream::write(const uint8_t *data, size_t len) {
+  if (len == 0) return;
+  if (m_stdout != nullptr) {
+    m_stdout->write(reinterpret_cast<const char *>(data), std::streamsize(len));
+    if (!*m_stdout) throw CliError("cannot write to standard output");
+  } else if (fwrite(data, 1, len, m_file) != len) {
+    throw CliError(fileError("cannot write", m_path, errno != 0 ? errno : EIO));
+  }
+}
+
+void ResultStream::finish() {
+  if (m_stdout != nullptr) {
+    m_stdout->flush();
+    if (!*m_stdout) throw CliError("cannot write to standard output");
+  } else if (fflush(m_file) != 0) {
+    throw CliError(fileError("cannot write", m_path, errno != 0 ? errno : EIO));
+  }
+  m_finished = true;
+}
+
+std::string ResultStream::name() const {
+  return m_stdout != nullptr ? std::string("standard output") : m_path;
 }
 
 std::string triesLeftText(int tries) {

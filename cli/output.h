@@ -8,6 +8,7 @@
 #define TEMBRA_CLI_OUTPUT_H
 
 #include <stdint.h>
+#include <stdio.h>
 
 #include <ostream>
 #include <string>
@@ -67,6 +68,9 @@ class Output {
                    bool printable = false);
   // True once writeResult has written to standard output.
   bool resultOnStdout() const { return m_resultOnStdout; }
+  // Standard output made ready for result bytes, with the same refusal of
+  // binary bytes on a terminal; summaries move to standard error from here.
+  std::ostream &resultStream(bool printable);
 
   // One result: "name: value" lines, or one JSON object; a summary, so
   // nothing with --quiet.
@@ -84,6 +88,29 @@ class Output {
   std::ostream &m_err;
   OutputSettings m_settings;
   bool m_resultOnStdout = false;
+};
+
+// A result written in pieces, for results too large to hold (cipher output,
+// many random bytes): to the file path, or to standard output as
+// writeResult does. A file that is not finished (the command failed half
+// way) is removed again, so no truncated result stays behind.
+class ResultStream {
+ public:
+  ResultStream(Output &output, const std::string &path, bool printable = false);
+  ~ResultStream();
+  ResultStream(const ResultStream &) = delete;
+  ResultStream &operator=(const ResultStream &) = delete;
+
+  void write(const uint8_t *data, size_t len);
+  void finish();
+  // "standard output" or the file's path, for the summary.
+  std::string name() const;
+
+ private:
+  std::string m_path;
+  FILE *m_file = nullptr;  // a file, else standard output through m_stdout
+  std::ostream *m_stdout = nullptr;
+  bool m_finished = false;
 };
 
 // "1 try left", "3 tries left".

@@ -44,6 +44,15 @@ namespace cli {
   X(DeviceChangePwd)               \
   X(DeviceUnlockPwd)               \
   X(DeviceGetPwdRetryNum)          \
+  X(DeviceGenerateRandom)          \
+  X(DeviceNewHash)                 \
+  X(DeviceHashUpdate)              \
+  X(DeviceHashFinal)               \
+  X(DeviceFreeHash)                \
+  X(DeviceNewCipher)               \
+  X(DeviceCipherUpdate)            \
+  X(DeviceFreeCipher)              \
+  X(DeviceIsSupportedAlgorithm2)   \
   X(DeviceGenerateKeypair)         \
   X(DeviceDeleteKeypair)           \
   X(DeviceCreateData)              \

@@ -39,6 +39,10 @@ SPI_DEVICE_HANDLE ProviderSession::device(int index) {
 }
 
 SPI_DEVICE_HANDLE ProviderSession::device(const DeviceChoice &choice) {
+  return deviceAt(indexOf(choice));
+}
+
+int ProviderSession::indexOf(const DeviceChoice &choice) {
   discover();
   const std::vector<StoreProblem> problems = storeProblems();
   const std::string aside =
@@ -49,7 +53,8 @@ SPI_DEVICE_HANDLE ProviderSession::device(const DeviceChoice &choice) {
                      "; device numbers may have moved: choose the device with --token-label or "
                      "--serial");
     }
-    return deviceAt(choice.index);
+    deviceAt(choice.index);  // throws for a device that is not there
+    return choice.index;
   }
   std::vector<int> matches;
   for (int index = 0; index < int(m_devices.size()); ++index) {
@@ -65,7 +70,7 @@ SPI_DEVICE_HANDLE ProviderSession::device(const DeviceChoice &choice) {
   if (matches.empty()) throw CliError("no device with " + wanted + aside);
   if (choice.indexGiven) {
     for (int index : matches) {
-      if (index == choice.index) return deviceAt(index);
+      if (index == choice.index) return index;
     }
     throw CliError("device " + std::to_string(choice.index) + " does not have " + wanted);
   }
@@ -74,7 +79,7 @@ SPI_DEVICE_HANDLE ProviderSession::device(const DeviceChoice &choice) {
     for (int index : matches) list += (list.empty() ? "" : ", ") + std::to_string(index);
     throw CliError("devices " + list + " all have " + wanted + ": add --device N");
   }
-  return deviceAt(matches.front());
+  return matches.front();
 }
 
 SPI_DEVICE_HANDLE ProviderSession::deviceAt(int index) {

@@ -62,6 +62,8 @@ class ProviderSession {
   // The chosen device (see DeviceChoice); throws a one-line CliError naming
   // what did not match, and any token of the store the provider left out.
   SPI_DEVICE_HANDLE device(const DeviceChoice &choice);
+  // The index in the device set of the chosen device; throws as device().
+  int indexOf(const DeviceChoice &choice);
 
  private:
   void discover();

@@ -22,7 +22,7 @@ function(verified)
 endfunction()
 
 run(${TEMBRA} --store ${WORK} token create tok --container X:sm2:noenc:nocert
-    --user-pin-env TEMBRA_CSR_CHECK_PIN)
+    --user-pin-env TEMBRA_CSR_CHECK_PIN --default-pins)
 foreach(alg sm2 rsa2048)
   run(${TEMBRA} --store ${WORK} keygen --label K${alg} --alg ${alg}
       --pin-env TEMBRA_CSR_CHECK_PIN)

@@ -71,7 +71,8 @@ class ImportCommand : public ::testing::TestWithParam<ImportCase> {
   void SetUp() override {
     test::setEnv("TEMBRA_TEST_USER_PIN", "11112222");
     ASSERT_EQ(0, run({"token", "create", "tok", "--container", "S:sm2:noenc:nocert", "--container",
-                      "R:rsa1024:noenc:nocert", "--user-pin-env", "TEMBRA_TEST_USER_PIN"}));
+                      "R:rsa1024:noenc:nocert", "--user-pin-env", "TEMBRA_TEST_USER_PIN",
+                      "--default-pins"}));
   }
   std::string path(const std::string &name) const { return m_store.path() + "/" + name; }
 
