@@ -49,6 +49,11 @@ int runSign(CommandContext &context);
 int runVerify(CommandContext &context);
 int runEncrypt(CommandContext &context);
 int runDecrypt(CommandContext &context);
+// Random numbers, SM3, SM4 and the capability table (commands_services.cpp).
+int runRandom(CommandContext &context);
+int runHash(CommandContext &context);
+int runCipher(CommandContext &context);
+int runMechanisms(CommandContext &context);
 // The typical signature, step by step (commands_demo.cpp).
 int runDemo(CommandContext &context);
 

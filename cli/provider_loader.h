@@ -42,7 +42,16 @@ namespace cli {
   X(DeviceVerifyPwd)               \
   X(DeviceChangePwd)               \
   X(DeviceUnlockPwd)               \
-  X(DeviceGetPwdRetryNum)
+  X(DeviceGetPwdRetryNum)          \
+  X(DeviceGenerateRandom)          \
+  X(DeviceNewHash)                 \
+  X(DeviceHashUpdate)              \
+  X(DeviceHashFinal)               \
+  X(DeviceFreeHash)                \
+  X(DeviceNewCipher)               \
+  X(DeviceCipherUpdate)            \
+  X(DeviceFreeCipher)              \
+  X(DeviceIsSupportedAlgorithm2)
 
 struct ProviderApi {
 #define TEMBRA_CLI_DECLARE_ENTRY(entry) decltype(&::entry) entry = nullptr;

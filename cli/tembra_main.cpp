@@ -35,7 +35,7 @@ const char kGlobalHelp[] =
     "must.\n";
 
 bool takesPositionals(const std::string &command) {
-  return command == "cert" || command == "token";
+  return command == "cert" || command == "token" || command == "random" || command == "cipher";
 }
 
 void printCommandHelp(std::ostream &out, const Command &command) {
@@ -168,6 +168,15 @@ const std::vector<Command> &allCommands() {
       {"decrypt", "decrypt a file with a key pair on the token",
        "--label L [--type enc|sign] -i CIPHERFILE -o FILE [PIN options]",
        join({kLabel, kType, kInput, kOutput}, {pinOptions("")}), runDecrypt},
+      {"random", "random bytes from the token (hex, or raw into a file)", "N [-o FILE]",
+       {kOutput}, runRandom},
+      {"hash", "SM3 digest of a file, computed on the token", "-i FILE", {kInput}, runHash},
+      {"cipher", "SM4 encryption or decryption on the token with a raw key",
+       "encrypt|decrypt --alg sm4-ecb|sm4-cbc --key-file F [--iv HEX32] [--pad] -i FILE -o FILE",
+       {{"alg", true}, {"key-file", true}, {"iv", true}, {"pad", false}, kInput, kOutput},
+       runCipher},
+      {"mechanisms", "the algorithms and usages the provider reports for a device", "", {},
+       runMechanisms},
       {"demo",
        "run a typical signature and decryption step by step on a software token",
        "[--store DIR]",
