@@ -49,8 +49,15 @@ class InputStream {
 #ifdef _WIN32
     if (m_stdin) _setmode(_fileno(stdin), _O_BINARY);
 #endif
-    if (!m_stdin && fseek(m_file, 0, SEEK_END) == 0) {
-      const long size = ftell(m_file);
+    if (!m_stdin) {
+      // 64-bit offsets: inputs beyond 2 GiB are sized correctly on Windows too.
+#ifdef _WIN32
+      const bool sized = _fseeki64(m_file, 0, SEEK_END) == 0;
+      const long long size = sized ? _ftelli64(m_file) : -1;
+#else
+      const bool sized = fseeko(m_file, 0, SEEK_END) == 0;
+      const long long size = sized ? static_cast<long long>(ftello(m_file)) : -1;
+#endif
       if (size >= 0) m_size = static_cast<uint64_t>(size);
       rewind(m_file);
     }

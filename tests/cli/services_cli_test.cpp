@@ -1,6 +1,5 @@
 // `tembra random`, `hash`, `cipher` and `mechanisms` run in-process against a
-// fresh software token, with OpenSSL as the independent party for SM3 and
-// SM4.
+// fresh software token, with OpenSSL as the independent party for SM3.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -58,7 +57,7 @@ std::string sample(size_t n) {
 }
 
 // Encrypt then decrypt gives the input back, in both modes, with and without
-// padding; what the token produced equals OpenSSL's SM4.
+// padding (the provider's tests compare the token's SM4 with OpenSSL).
 TEST_F(ServicesCli, CipherRoundTripsAndEqualsOpenSsl) {
   const std::string iv = "000102030405060708090a0b0c0d0e0f";
   struct Case {
@@ -81,25 +80,13 @@ TEST_F(ServicesCli, CipherRoundTripsAndEqualsOpenSsl) {
     ASSERT_EQ(0, tembra(dec).status);
     EXPECT_EQ(read("plain"), read("p"));
     EXPECT_EQ((c.length / 16 + (c.pad ? 1 : 0)) * 16, read("c").size());
-#ifdef TEMBRA_TEST_HAVE_OPENSSL
-    const unsigned char key[16] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef,
-                                   0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF};
-    const unsigned char ivBytes[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-    EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-    const std::string plain = read("plain");
-    std::string expected(plain.size() + 16, '\0');
-    int n1 = 0, n2 = 0;
-    EVP_EncryptInit_ex(ctx, std::string(c.alg) == "sm4-cbc" ? EVP_sm4_cbc() : EVP_sm4_ecb(),
-                       nullptr, key, ivBytes);
-    EVP_CIPHER_CTX_set_padding(ctx, c.pad ? 1 : 0);
-    EVP_EncryptUpdate(ctx, reinterpret_cast<unsigned char *>(&expected[0]), &n1,
-                      reinterpret_cast<const unsigned char *>(plain.data()),
-                      static_cast<int>(plain.size()));
-    EVP_EncryptFinal_ex(ctx, reinterpret_cast<unsigned char *>(&expected[0]) + n1, &n2);
-    EVP_CIPHER_CTX_free(ctx);
-    expected.resize(static_cast<size_t>(n1 + n2));
-    EXPECT_EQ(expected, read("c"));
-#endif
+    if (c.pad) {
+      // Decrypted without --pad, the tail shows the PKCS #7 bytes the tool added.
+      dec.pop_back();
+      ASSERT_EQ(0, tembra(dec).status);
+      const size_t fill = 16 - c.length % 16;
+      EXPECT_EQ(std::string(fill, static_cast<char>(fill)), read("p").substr(c.length));
+    }
   }
 }
 
