@@ -7,7 +7,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -161,48 +160,29 @@ TEST_F(ServicesTest, UpdatesReachTheTokenInPiecesOfMaxOperationLen) {
   }
 }
 
-// Results, lines and token calls of the hash entry points outside the happy
-// path. Each step runs on a fresh hash of "abc"; `after` is what a final then
-// gives (the digest of "abc" plus whatever the step fed).
+// Results and lines of the hash entry points outside the happy path, each on
+// a fresh hash of "abc". Nothing of it finishes the digest or feeds it: a
+// final afterwards still gives SM3("abc").
 TEST_F(ServicesTest, HashResultsAndMessages) {
   struct Case {
     const char *name;
-    std::function<int(SPI_HASH_HANDLE, int *)> call;
-    int expected;
-    int expectedLength;     // -1: not written
-    const char *error;      // the one [ERROR] line, or null
-    const char *fault;      // token call made to fail once, or null
-    const char *continued;  // what the digest covers afterwards, or null
+    bool final, handle, data;
+    int len;
+    bool withLength;
+    int expected, expectedLength;  // -1: length not written
+    const char *fault;             // token call made to fail once (and its line), or null
   };
-  static uint8_t buffer[32];
   const Case kCases[] = {
-      {"NullHandle",
-       [](SPI_HASH_HANDLE, int *l) { return DeviceHashFinal(nullptr, buffer, 32, l); }, -2, -1,
-       nullptr, nullptr, nullptr},
-      {"NullLength",
-       [](SPI_HASH_HANDLE h, int *) { return DeviceHashFinal(h, buffer, 32, nullptr); }, -1, -1,
-       nullptr, nullptr, "abc"},
-      {"LengthQueryKeepsDigestOpen",
-       [](SPI_HASH_HANDLE h, int *l) { return DeviceHashFinal(h, nullptr, 0, l); }, 1, 32, nullptr,
-       nullptr, "abc"},
-      {"ShortBuffer", [](SPI_HASH_HANDLE h, int *l) { return DeviceHashFinal(h, buffer, 31, l); },
-       -4, 32, nullptr, nullptr, "abc"},
-      {"FinalFails", [](SPI_HASH_HANDLE h, int *l) { return DeviceHashFinal(h, buffer, 32, l); }, 0,
-       32, "SKF_DigestFinal fail, error = 0x0A000001", "SKF_DigestFinal", "abc"},
-      {"UpdateNegative", [](SPI_HASH_HANDLE h, int *) { return DeviceHashUpdate(h, buffer, -1); },
-       -1, -1, nullptr, nullptr, "abc"},
-      {"UpdateEmptyNull", [](SPI_HASH_HANDLE h, int *) { return DeviceHashUpdate(h, nullptr, 0); },
-       1, -1, nullptr, nullptr, "abc"},
-      {"UpdateNullData", [](SPI_HASH_HANDLE h, int *) { return DeviceHashUpdate(h, nullptr, 5); },
-       -1, -1, nullptr, nullptr, "abc"},
-      {"UpdateFails",
-       [](SPI_HASH_HANDLE h, int *) {
-         return DeviceHashUpdate(h, reinterpret_cast<const unsigned char *>("def"), 3);
-       },
-       0, -1, "SKF_DigestUpdate fail, error = 0x0A000001", "SKF_DigestUpdate", "abc"},
-      {"UpdateNullHandle",
-       [](SPI_HASH_HANDLE, int *) { return DeviceHashUpdate(nullptr, buffer, 1); }, -2, -1, nullptr,
-       nullptr, nullptr},
+      {"FinalNullHandle", true, false, true, 32, true, -2, -1, nullptr},
+      {"FinalNullLength", true, true, true, 32, false, -1, -1, nullptr},
+      {"LengthQuery", true, true, false, 0, true, 1, 32, nullptr},
+      {"ShortBuffer", true, true, true, 31, true, -4, 32, nullptr},
+      {"FinalFails", true, true, true, 32, true, 0, 32, "SKF_DigestFinal"},
+      {"UpdateNullHandle", false, false, true, 1, true, -2, -1, nullptr},
+      {"UpdateNegative", false, true, true, -1, true, -1, -1, nullptr},
+      {"UpdateEmptyNull", false, true, false, 0, true, 1, -1, nullptr},
+      {"UpdateNullData", false, true, false, 5, true, -1, -1, nullptr},
+      {"UpdateFails", false, true, true, 3, true, 0, -1, "SKF_DigestUpdate"},
   };
   for (const Case &c : kCases) {
     SCOPED_TRACE(c.name);
@@ -211,22 +191,25 @@ TEST_F(ServicesTest, HashResultsAndMessages) {
     ASSERT_EQ(1, DeviceHashUpdate(hHash, reinterpret_cast<const unsigned char *>("abc"), 3));
     if (c.fault != nullptr) SKFSoft_SetFault(c.fault, SAR_FAIL, 1);
     mark();
+    uint8_t buffer[32];
     memset(buffer, 0xEE, sizeof buffer);
     int length = -1;
-    EXPECT_EQ(c.expected, c.call(hHash, &length));
+    SPI_HASH_HANDLE h = c.handle ? hHash : nullptr;
+    uint8_t *data = c.data ? buffer : nullptr;
+    EXPECT_EQ(c.expected, c.final
+                              ? DeviceHashFinal(h, data, c.len, c.withLength ? &length : nullptr)
+                              : DeviceHashUpdate(h, data, c.len));
     EXPECT_EQ(c.expectedLength, length);
-    if (c.expected != 1 || c.fault != nullptr) {
+    if (c.expected != 1) {
       EXPECT_EQ(Bytes(32, 0xEE), Bytes(buffer, buffer + 32));
     }
     std::vector<std::string> errors;
-    if (c.error != nullptr) errors.push_back(c.error);
+    if (c.fault != nullptr) errors.push_back(std::string(c.fault) + " fail, error = 0x0A000001");
     EXPECT_EQ(errors, m_log.messages("[ERROR]"));
 #if defined(TEMBRA_TEST_HAVE_OPENSSL)
-    if (c.continued != nullptr) {
-      Bytes value(32);
-      EXPECT_EQ(1, DeviceHashFinal(hHash, value.data(), 32, &length));
-      EXPECT_EQ(peer::sm3(Bytes(c.continued, c.continued + strlen(c.continued))), value);
-    }
+    Bytes value(32);
+    EXPECT_EQ(1, DeviceHashFinal(hHash, value.data(), 32, &length));
+    EXPECT_EQ(peer::sm3(Bytes{'a', 'b', 'c'}), value);
 #endif
     DeviceFreeHash(hHash);
   }
