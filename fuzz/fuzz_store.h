@@ -51,9 +51,13 @@ inline void writeSeed(const char *name, unsigned char prefix,
                       const std::vector<unsigned char> &bytes) {
   const char *dir = getenv("TEMBRA_FUZZ_WRITE_SEEDS");
   if (dir == nullptr) return;
-  std::vector<unsigned char> seed(1, prefix);
-  seed.insert(seed.end(), bytes.begin(), bytes.end());
-  writeAll(std::string(dir) + "/" + name, seed.data(), seed.size());
+  const std::string path = std::string(dir) + "/" + name;
+  FILE *file = fopen(path.c_str(), "wb");
+  if (file == nullptr || fputc(prefix, file) == EOF ||
+      fwrite(bytes.data(), 1, bytes.size(), file) != bytes.size()) {
+    abort();
+  }
+  fclose(file);
 }
 
 }  // namespace fuzzstore
