@@ -24,21 +24,25 @@ inline std::vector<unsigned char> readAll(const std::string &path) {
   return bytes;
 }
 
+// Written beside and renamed over, as the token writes: a new file each
+// time, so the token's per-process cache sees the change whatever the clock.
 inline void writeAll(const std::string &path, const unsigned char *data, size_t size) {
-  FILE *file = fopen(path.c_str(), "wb");
+  const std::string temporary = path + ".fuzz";
+  FILE *file = fopen(temporary.c_str(), "wb");
   if (file == nullptr) abort();
   if (size > 0 && fwrite(data, 1, size, file) != size) abort();
   fclose(file);
+  if (rename(temporary.c_str(), path.c_str()) != 0) abort();
 }
 
-// Makes the store and provisions `spec` in it; aborts when that fails, as no
+// Makes the store and provisions `layout` in it; aborts when that fails, as no
 // input could then reach the code under test. Returns the store directory.
-inline std::string provisionStore(const tembra::provision::DeviceSpec &spec) {
+inline std::string provisionStore(const tembra::provision::DeviceSpec &layout) {
   char pattern[] = "/tmp/tembra_fuzz_store_XXXXXX";
   if (mkdtemp(pattern) == nullptr) abort();
   setenv("TEMBRA_SOFTSKF_DIR", pattern, 1);
   std::string error;
-  if (tembra::provision::provisionDevice(spec, &error) != SAR_OK) {
+  if (tembra::provision::provisionDevice(layout, &error) != SAR_OK) {
     fprintf(stderr, "provisioning failed: %s\n", error.c_str());
     abort();
   }

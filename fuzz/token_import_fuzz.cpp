@@ -35,14 +35,14 @@ struct Token {
 
 Token &token() {
   static Token t = [] {
-    tembra::provision::DeviceSpec spec;
-    spec.name = "F";
+    tembra::provision::DeviceSpec layout;
+    layout.name = "F";
     tembra::provision::ApplicationSpec app;
     app.name = "A";
     app.containers = {{"S", KeyKind::Sm2, true, false, false},
                       {"R", KeyKind::Rsa1024, true, false, false}};
-    spec.applications = {app};
-    fuzzstore::provisionStore(spec);
+    layout.applications = {app};
+    fuzzstore::provisionStore(layout);
     Token made;
     DEVHANDLE dev = nullptr;
     HAPPLICATION hApp = nullptr;

@@ -31,17 +31,17 @@ struct Store {
 
 Store &store() {
   static Store s = [] {
-    tembra::provision::DeviceSpec spec;
-    spec.name = "F";
-    spec.label = "fuzz-label";
-    spec.serial = "fuzz-serial";
+    tembra::provision::DeviceSpec layout;
+    layout.name = "F";
+    layout.label = "fuzz-label";
+    layout.serial = "fuzz-serial";
     tembra::provision::ApplicationSpec app;
     app.name = "A";
     app.containers = {{"S", KeyKind::Sm2, true, true, true},
                       {"R", KeyKind::Rsa1024, true, false, true},
                       {"E", KeyKind::Empty, false, false, false}};
-    spec.applications = {app};
-    const std::string dir = fuzzstore::provisionStore(spec);
+    layout.applications = {app};
+    const std::string dir = fuzzstore::provisionStore(layout);
     Store made;
     made.devicePath = dir + "/F/device.rec";
     made.appPath = dir + "/F/A.app";
