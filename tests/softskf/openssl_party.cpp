@@ -6,6 +6,7 @@
 #include <openssl/ec.h>
 #include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
+#include <openssl/rand.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <string.h>
@@ -228,16 +229,18 @@ Bytes rsaDecrypt(EVP_PKEY *key, const Bytes &cipher) {
   return out;
 }
 
-Bytes sm2Envelope(EVP_PKEY *wrapKey, const Sm2Pair &pair) {
-  const Bytes symmetricKey(16, 0x5A);
+Bytes sm2Envelope(EVP_PKEY *wrapKey, const Sm2Pair &pair, const Bytes &privateField,
+                  ULONG algorithm) {
+  Bytes symmetricKey(16);
+  RAND_bytes(symmetricKey.data(), 16);
   Bytes wrapped = sm2EncryptToBlob(wrapKey, symmetricKey);
   Bytes blob(sizeof(ENVELOPEDKEYBLOB) + 15, 0);
   ENVELOPEDKEYBLOB *env = reinterpret_cast<ENVELOPEDKEYBLOB *>(blob.data());
   env->Version = 1;
-  env->ulSymmAlgID = SGD_SMS4_ECB;
+  env->ulSymmAlgID = algorithm;
   env->ulBits = 256;
-  Bytes cipher = sm4(true, false, symmetricKey, pair.d);
-  memcpy(env->cbEncryptedPriKey + 32, cipher.data(), 32);
+  Bytes cipher = sm4(true, false, symmetricKey, privateField.empty() ? pair.d : privateField);
+  memcpy(env->cbEncryptedPriKey + 64 - cipher.size(), cipher.data(), cipher.size());
   env->PubKey.BitLen = 256;
   memcpy(env->PubKey.XCoordinate + 32, pair.x.data(), 32);
   memcpy(env->PubKey.YCoordinate + 32, pair.y.data(), 32);
