@@ -229,8 +229,11 @@ TEST_F(ConformanceTest, BothSm2NumberingsGenerateAndSign) {
     ECCSIGNATUREBLOB sig;
     ASSERT_EQ(SAR_OK, SKF(SKF_GenECCKeyPair)(con, alg, &pub));
     Bytes digest = pattern(32, static_cast<unsigned char>(alg >> 8));
+    memset(&sig, 0xAA, sizeof sig);
     ASSERT_EQ(SAR_OK, SKF(SKF_ECCSignData)(con, digest.data(), 32, &sig));
     EXPECT_TRUE(sm2VerifyDigest(sm2KeyFromBlob(pub).get(), digest, sig));
+    EXPECT_EQ(Bytes(32, 0), Bytes(sig.r, sig.r + 32)) << "r is right-aligned";
+    EXPECT_EQ(Bytes(32, 0), Bytes(sig.s, sig.s + 32)) << "s is right-aligned";
     EXPECT_EQ(SAR_OK, SKF(SKF_ECCVerify)(dev, &pub, digest.data(), 32, &sig));
     EXPECT_EQ(SAR_OK, SKF(SKF_ExtECCVerify)(dev, &pub, digest.data(), 32, &sig));
     sig.s[63] ^= 1;
@@ -238,6 +241,8 @@ TEST_F(ConformanceTest, BothSm2NumberingsGenerateAndSign) {
   }
   ECCPUBLICKEYBLOB pub;
   EXPECT_EQ(SAR_INVALIDPARAMERR, SKF(SKF_GenECCKeyPair)(con, 0x00020800, &pub));
+  ECCSIGNATUREBLOB sig;
+  EXPECT_EQ(SAR_INDATALENERR, SKF(SKF_ECCSignData)(con, pub.XCoordinate, 31, &sig));
 }
 
 TEST_F(ConformanceTest, ExternalSm2KeysAgreeWithOpenSsl) {

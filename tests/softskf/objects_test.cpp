@@ -291,10 +291,15 @@ TEST_F(ObjectsTest, ClosedAndWrongKindHandlesAreRefused) {
   EXPECT_EQ(SAR_INVALIDHANDLEERR, SKF_CloseHandle(hash));
   ASSERT_EQ(SAR_OK, SKF_CloseContainer(con));
   EXPECT_EQ(SAR_INVALIDHANDLEERR, SKF_GetContainerType(con, &type));
-  // Disconnection closes what was opened through the device.
+  // Deleting a container closes its handles; the name is then unknown.
   ASSERT_EQ(SAR_OK, SKF_OpenContainer(app, const_cast<char *>("sm2"), &con));
-  ASSERT_EQ(SAR_OK, SKF_DisConnectDev(dev));
+  ASSERT_EQ(SAR_OK, SKF_DeleteContainer(app, const_cast<char *>("sm2")));
   EXPECT_EQ(SAR_INVALIDHANDLEERR, SKF_GetContainerType(con, &type));
+  EXPECT_EQ(SAR_INVALIDPARAMERR, SKF_OpenContainer(app, const_cast<char *>("sm2"), &con));
+  HCONTAINER other = makeSm2Container(app, "other");
+  // Disconnection closes what was opened through the device.
+  ASSERT_EQ(SAR_OK, SKF_DisConnectDev(dev));
+  EXPECT_EQ(SAR_INVALIDHANDLEERR, SKF_GetContainerType(other, &type));
   EXPECT_EQ(SAR_INVALIDHANDLEERR, SKF_ClearSecureState(app));
   BLOCKCIPHERPARAM param = {};
   EXPECT_EQ(SAR_INVALIDHANDLEERR, SKF_EncryptInit(key, param));
@@ -302,16 +307,6 @@ TEST_F(ObjectsTest, ClosedAndWrongKindHandlesAreRefused) {
   // Null output pointers.
   EXPECT_EQ(SAR_INVALIDPARAMERR, SKF_ConnectDev(const_cast<char *>("tok1"), nullptr));
   EXPECT_EQ(SAR_INVALIDPARAMERR, SKF_EnumDev(TRUE, nullptr, nullptr));
-}
-
-TEST_F(ObjectsTest, DeletedContainerHandleAnswersInvalidHandle) {
-  DEVHANDLE dev = makeDevice();
-  HAPPLICATION app = makeApplication(dev);
-  HCONTAINER con = makeSm2Container(app);
-  ASSERT_EQ(SAR_OK, SKF_DeleteContainer(app, const_cast<char *>("sm2")));
-  ULONG type;
-  EXPECT_EQ(SAR_INVALIDHANDLEERR, SKF_GetContainerType(con, &type));
-  EXPECT_EQ(SAR_INVALIDPARAMERR, SKF_OpenContainer(app, const_cast<char *>("sm2"), &con));
 }
 
 }  // namespace

@@ -40,29 +40,6 @@ RSAPUBLICKEYBLOB exportRsa(HCONTAINER con, BOOL sign) {
 
 class CrossCheckTest : public SoftTokenTest {};
 
-TEST_F(CrossCheckTest, Sm2SignaturesVerifyWithOpenSsl) {
-  HCONTAINER con = makeSm2Container(makeApplication(makeDevice()));
-  ECCPUBLICKEYBLOB blob = exportEcc(con, TRUE);
-  EXPECT_EQ(256u, blob.BitLen);
-  Pkey key = sm2KeyFromBlob(blob);
-  ASSERT_TRUE(key);
-  for (int i = 0; i < 4; ++i) {
-    Bytes digest = randomBytes(32);
-    ECCSIGNATUREBLOB sig;
-    memset(&sig, 0xAA, sizeof sig);
-    ASSERT_EQ(SAR_OK, SKF_ECCSignData(con, digest.data(), 32, &sig));
-    EXPECT_TRUE(sm2VerifyDigest(key.get(), digest, sig));
-    const Bytes zeros(32, 0);
-    EXPECT_EQ(0, memcmp(sig.r, zeros.data(), 32)) << "r is right-aligned";
-    EXPECT_EQ(0, memcmp(sig.s, zeros.data(), 32)) << "s is right-aligned";
-    digest[0] ^= 1;
-    EXPECT_FALSE(sm2VerifyDigest(key.get(), digest, sig));
-  }
-  BYTE shortDigest[31] = {};
-  ECCSIGNATUREBLOB sig;
-  EXPECT_EQ(SAR_INDATALENERR, SKF_ECCSignData(con, shortDigest, 31, &sig));
-}
-
 // SKF_DigestInit with a public key hashes Z || M: a signature over that
 // digest verifies as an SM2 signature of M in OpenSSL, with the default
 // identifier and with a given one.

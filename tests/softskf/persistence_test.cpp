@@ -181,11 +181,7 @@ TEST_F(PersistenceTest, DamagedApplicationFileIsRefused) {
   HAPPLICATION app = makeApplication(dev);
   makeSm2Container(app);
   const std::string path = storePath() + "/tok1/app.app";
-  std::string original;
-  {
-    std::ifstream in(path, std::ios::binary);
-    original.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
+  const std::string original = readAll(path);
   ASSERT_GT(original.size(), 100u);
   struct Damage {
     const char *what;
@@ -459,8 +455,7 @@ TEST_F(PersistenceTest, CallsFailWhenTheStoreLockCannotBeOpened) {
 TEST_F(PersistenceTest, StoreHoldsNoPinAndNoTokenKeyInClear) {
   DEVHANDLE dev = makeDevice();
   HAPPLICATION app = makeApplication(dev);
-  HCONTAINER con = makeSm2Container(app);
-  (void)con;
+  makeSm2Container(app);
   std::string contents = storeContents(storePath());
   EXPECT_EQ(std::string::npos, contents.find(kUserPin));
   EXPECT_EQ(std::string::npos, contents.find(kAdminPin));
