@@ -247,14 +247,10 @@ TEST_F(ConformanceTest, BothSm2NumberingsGenerateAndSign) {
 
 TEST_F(ConformanceTest, ExternalSm2KeysAgreeWithOpenSsl) {
   Sm2Pair pair = newSm2Pair();
-  ECCPRIVATEKEYBLOB pri;
-  ECCPUBLICKEYBLOB pub;
-  memset(&pri, 0, sizeof pri);
-  memset(&pub, 0, sizeof pub);
-  pri.BitLen = pub.BitLen = 256;
+  ECCPRIVATEKEYBLOB pri = {};
+  ECCPUBLICKEYBLOB pub = pair.blob();
+  pri.BitLen = 256;
   memcpy(pri.PrivateKey + 32, pair.d.data(), 32);
-  memcpy(pub.XCoordinate + 32, pair.x.data(), 32);
-  memcpy(pub.YCoordinate + 32, pair.y.data(), 32);
   Bytes digest = pattern(32, 1), plain = pattern(45, 2);
   ECCSIGNATUREBLOB sig;
   ASSERT_EQ(SAR_OK, SKF(SKF_ExtECCSign)(dev, &pri, digest.data(), 32, &sig));
@@ -367,17 +363,11 @@ TEST_F(ConformanceTest, RsaContainerImportsSessionKeys) {
 
 TEST_F(ConformanceTest, KeyAgreementMatchesOpenSslAndItself) {
   importEncryptionPair();
-  ECCPUBLICKEYBLOB encPub = exportEcc(FALSE), sponsorPub, sponsorTemp, responderTemp;
   Bytes sponsorId = {'a', 'l', 'i', 'c', 'e'}, responderId = {'b', 'o', 'b'};
   // OpenSSL sponsors; the token responds.
   Sm2Pair sponsor = newSm2Pair(), temp = newSm2Pair();
-  memset(&sponsorPub, 0, sizeof sponsorPub);
-  sponsorPub.BitLen = 256;
-  memcpy(sponsorPub.XCoordinate + 32, sponsor.x.data(), 32);
-  memcpy(sponsorPub.YCoordinate + 32, sponsor.y.data(), 32);
-  sponsorTemp = sponsorPub;
-  memcpy(sponsorTemp.XCoordinate + 32, temp.x.data(), 32);
-  memcpy(sponsorTemp.YCoordinate + 32, temp.y.data(), 32);
+  ECCPUBLICKEYBLOB encPub = exportEcc(FALSE), sponsorPub = sponsor.blob(),
+                   sponsorTemp = temp.blob(), responderTemp;
   HANDLE responderKey = nullptr, agreement = nullptr, sponsorKey = nullptr;
   ASSERT_EQ(SAR_OK, SKF(SKF_GenerateAgreementDataAndKeyWithECC)(
                         con, SGD_SMS4_ECB, &sponsorPub, &sponsorTemp, &responderTemp,

@@ -177,6 +177,14 @@ Sm2Pair newSm2Pair() {
   return pair;
 }
 
+ECCPUBLICKEYBLOB Sm2Pair::blob() const {
+  ECCPUBLICKEYBLOB out = {};
+  out.BitLen = 256;
+  memcpy(out.XCoordinate + 32, x.data(), 32);
+  memcpy(out.YCoordinate + 32, y.data(), 32);
+  return out;
+}
+
 RsaPair newRsaPair(int bits) {
   RsaPair pair;
   pair.key.reset(EVP_RSA_gen(static_cast<unsigned>(bits)));
@@ -228,9 +236,7 @@ Bytes sm2Envelope(EVP_PKEY *wrapKey, const Sm2Pair &pair, const Bytes &privateFi
   env->ulBits = 256;
   Bytes cipher = sm4(true, false, symmetricKey, privateField.empty() ? pair.d : privateField);
   memcpy(env->cbEncryptedPriKey + 64 - cipher.size(), cipher.data(), cipher.size());
-  env->PubKey.BitLen = 256;
-  memcpy(env->PubKey.XCoordinate + 32, pair.x.data(), 32);
-  memcpy(env->PubKey.YCoordinate + 32, pair.y.data(), 32);
+  env->PubKey = pair.blob();
   memcpy(&env->ECCCipherBlob, wrapped.data(), sizeof(ECCCIPHERBLOB) + 15);
   return blob;
 }

@@ -41,6 +41,7 @@ Bytes sm2EncryptToBlob(EVP_PKEY *key, const Bytes &plain);
 struct Sm2Pair {
   Pkey key;
   Bytes d, x, y;
+  ECCPUBLICKEYBLOB blob() const;  // the public key as the token gives it
 };
 Sm2Pair newSm2Pair();
 
