@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include "crypto/backend.h"
 #include "tests/softskf/soft_token_fixture.h"
 
 namespace softskf_test {
@@ -73,12 +74,7 @@ TEST_F(ObjectsTest, DeviceAuthenticationGuardsApplicationManagement) {
   // A challenge answers once: replaying the right answer fails.
   BYTE challenge[16] = {}, answer[16];
   ASSERT_EQ(SAR_OK, SKF_GenRandom(dev, challenge, 8));
-  HANDLE key;
-  ASSERT_EQ(SAR_OK, SKF_SetSymmKey(dev, const_cast<BYTE *>(kAuthKey), SGD_SMS4_ECB, &key));
-  BLOCKCIPHERPARAM param = {};
-  ASSERT_EQ(SAR_OK, SKF_EncryptInit(key, param));
-  ULONG len = 16;
-  ASSERT_EQ(SAR_OK, SKF_Encrypt(key, challenge, 16, answer, &len));
+  ASSERT_TRUE(tembra::crypto::sm4Ecb(true, kAuthKey, challenge, 16, answer));
   ASSERT_EQ(SAR_OK, SKF_DevAuth(dev, answer, 16));
   EXPECT_EQ(SAR_FAIL, SKF_DevAuth(dev, answer, 16));
   ASSERT_EQ(SAR_OK, authenticate(dev));
