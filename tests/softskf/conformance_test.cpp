@@ -339,28 +339,6 @@ TEST_F(ConformanceTest, SessionKeysTravelWrapped) {
   }
 }
 
-TEST_F(ConformanceTest, RsaContainerImportsSessionKeys) {
-  HCONTAINER rsaCon = makeRsaContainer(app);
-  RSAPUBLICKEYBLOB signPub;
-  ULONG len = sizeof signPub;
-  ASSERT_EQ(SAR_OK,
-            SKF(SKF_ExportPublicKey)(rsaCon, TRUE, reinterpret_cast<BYTE *>(&signPub), &len));
-  RsaPair enc = newRsaPair(1024);
-  const Bytes wrapKey = pattern(16, 12), key = pattern(16, 13);
-  Bytes wrapped = rsaEncrypt(rsaKeyFromBlob(signPub).get(), wrapKey);
-  Bytes der = sm4(true, true, wrapKey, enc.der);
-  ASSERT_EQ(SAR_OK, SKF(SKF_ImportRSAKeyPair)(rsaCon, SGD_SMS4_ECB, wrapped.data(), 128, der.data(),
-                                              static_cast<ULONG>(der.size())));
-  Bytes sessionWrapped = rsaEncrypt(enc.key.get(), key);
-  HANDLE h = nullptr;
-  ASSERT_EQ(SAR_OK,
-            SKF(SKF_ImportSessionKey)(rsaCon, SGD_SMS4_ECB, sessionWrapped.data(), 128, &h));
-  EXPECT_EQ(sm4(true, false, key, pattern(16, 1)), encryptBlock(h));
-  sessionWrapped[5] ^= 1;
-  EXPECT_EQ(SAR_INDATAERR,
-            SKF(SKF_ImportSessionKey)(rsaCon, SGD_SMS4_ECB, sessionWrapped.data(), 128, &h));
-}
-
 TEST_F(ConformanceTest, KeyAgreementMatchesOpenSslAndItself) {
   importEncryptionPair();
   Bytes sponsorId = {'a', 'l', 'i', 'c', 'e'}, responderId = {'b', 'o', 'b'};

@@ -315,6 +315,16 @@ TEST_F(CrossCheckTest, RsaEnvelopeImportsTheEncryptionKeyPair) {
   ASSERT_EQ(SAR_OK, SKF_RSADecrypt(con, FALSE, cipher.data(), 256, plain.data(), &len));
   plain.resize(len);
   EXPECT_EQ(secret, plain);
+  // The same ciphertext imports as a session key; a damaged one does not.
+  HANDLE session = nullptr;
+  ASSERT_EQ(SAR_OK, SKF_ImportSessionKey(con, SGD_SMS4_ECB, cipher.data(), 256, &session));
+  const BLOCKCIPHERPARAM ecb = {};
+  Bytes block(16, 0x42), out(16);
+  ASSERT_EQ(SAR_OK, SKF_EncryptInit(session, ecb));
+  ASSERT_EQ(SAR_OK, SKF_Encrypt(session, block.data(), 16, out.data(), &len));
+  EXPECT_EQ(sm4(true, false, secret, block), out);
+  cipher[5] ^= 1;
+  EXPECT_EQ(SAR_INDATAERR, SKF_ImportSessionKey(con, SGD_SMS4_ECB, cipher.data(), 256, &session));
 }
 
 }  // namespace
