@@ -2,7 +2,6 @@
 // backend (crypto_tool_openssl, crypto_tool_gcrypt), so that what one backend
 // produces can be checked by the other. Keys, data and results are raw files:
 //
-//   name                                  prints the backend's name
 //   sm2-keygen PRIV PUB                   PRIV: d (32 bytes), PUB: x || y
 //   sm2-sign PRIV DIGEST SIG              SIG: r || s
 //   sm2-verify PUB DIGEST SIG
@@ -219,9 +218,9 @@ struct Command {
 };
 
 const Command kCommands[] = {
-    {"name", 0},        {"sm2-keygen", 2}, {"sm2-sign", 3}, {"sm2-verify", 3}, {"sm2-encrypt", 3},
-    {"sm2-decrypt", 3}, {"rsa-keygen", 2}, {"rsa-sign", 3}, {"rsa-verify", 3}, {"rsa-encrypt", 3},
-    {"rsa-decrypt", 3}, {"sm3", 2},        {"sm4", 6},
+    {"sm2-keygen", 2},  {"sm2-sign", 3},    {"sm2-verify", 3}, {"sm2-encrypt", 3},
+    {"sm2-decrypt", 3}, {"rsa-keygen", 2},  {"rsa-sign", 3},   {"rsa-verify", 3},
+    {"rsa-encrypt", 3}, {"rsa-decrypt", 3}, {"sm3", 2},        {"sm4", 6},
 };
 
 }  // namespace
@@ -247,10 +246,6 @@ int main(int argc, char **argv) {
     return kUsage;
   }
   char **args = argv + 2;
-  if (command == "name") {
-    printf("%s\n", crypto::backendName());
-    return kOk;
-  }
   if (command == "sm3") {
     Bytes in;
     uint8_t digest[crypto::kSm3DigestSize];

@@ -75,20 +75,6 @@ PeerKey makeKey(bool sm2, int bits) {
   return key;
 }
 
-Bytes sm4Ecb(const uint8_t key[16], const Bytes &in, bool pad) {
-  Bytes out(in.size() + 16);
-  int len = 0;
-  int tail = 0;
-  EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-  EVP_EncryptInit_ex(ctx, EVP_sm4_ecb(), nullptr, key, nullptr);
-  EVP_CIPHER_CTX_set_padding(ctx, pad ? 1 : 0);
-  EVP_EncryptUpdate(ctx, out.data(), &len, in.data(), static_cast<int>(in.size()));
-  EVP_EncryptFinal_ex(ctx, out.data() + len, &tail);
-  EVP_CIPHER_CTX_free(ctx);
-  out.resize(static_cast<size_t>(len + tail));
-  return out;
-}
-
 // The fields of an "SCAENCKP" blob, for the tests to alter before assembly.
 struct Envelope {
   bool sm2 = true;
@@ -142,12 +128,15 @@ Envelope envelopeFor(const Bytes &signSpki, const PeerKey &key) {
     e.signKey = Bytes(signSpki.end() - 65, signSpki.end());
     e.wrapped = peer::encryptSm2Flat(signSpki, symmetricText);
     e.encPoint = key.point;
-    e.encrypted = sm4Ecb(symmetric, key.secret, false);
+    e.encrypted = peer::sm4(false, true, symmetric, nullptr, key.secret);
   } else {
     e.signKey = bigEndian(sign, OSSL_PKEY_PARAM_RSA_N, 0);
     e.exponent = bigEndian(sign, OSSL_PKEY_PARAM_RSA_E, 0);
     e.wrapped = peer::encryptRsa(signSpki, symmetricText);
-    e.encrypted = sm4Ecb(symmetric, key.secret, true);
+    const size_t pad = 16 - key.secret.size() % 16;  // PKCS #7
+    Bytes padded = key.secret;
+    padded.insert(padded.end(), pad, static_cast<uint8_t>(pad));
+    e.encrypted = peer::sm4(false, true, symmetric, nullptr, padded);
   }
   EVP_PKEY_free(sign);
   return e;
@@ -322,9 +311,6 @@ INSTANTIATE_TEST_SUITE_P(
                     [](Envelope &e) { e.wrapped.insert(e.wrapped.begin() + 65, 0); },
                     "encKeyLen - 97 > 16"}),
     CaseName());
-
-// K of 32 reaches the token right-aligned in the 64-byte field (covered by
-// EnvelopedImportTest.sm2, whose private key is 32 bytes).
 
 // ---- Token results: two different sets mean "not logged in" -----------------
 

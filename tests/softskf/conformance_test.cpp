@@ -8,7 +8,8 @@
 #include <string.h>
 
 #include <future>
-#include <iterator>
+#include <sstream>
+#include <string>
 #include <thread>
 
 #include "tests/softskf/openssl_party.h"
@@ -26,89 +27,35 @@ void *library() {
 // The function of that name in the library, typed by its declared prototype.
 #define SKF(name) (reinterpret_cast<decltype(&::name)>(dlsym(library(), #name)))
 
-const char *const kStandardFunctions[] = {"SKF_WaitForDevEvent",
-                                          "SKF_CancelWaitForDevEvent",
-                                          "SKF_EnumDev",
-                                          "SKF_ConnectDev",
-                                          "SKF_DisConnectDev",
-                                          "SKF_GetDevState",
-                                          "SKF_SetLabel",
-                                          "SKF_GetDevInfo",
-                                          "SKF_LockDev",
-                                          "SKF_UnlockDev",
-                                          "SKF_Transmit",
-                                          "SKF_ChangeDevAuthKey",
-                                          "SKF_DevAuth",
-                                          "SKF_ChangePIN",
-                                          "SKF_GetPINInfo",
-                                          "SKF_VerifyPIN",
-                                          "SKF_UnblockPIN",
-                                          "SKF_ClearSecureState",
-                                          "SKF_CreateApplication",
-                                          "SKF_EnumApplication",
-                                          "SKF_DeleteApplication",
-                                          "SKF_OpenApplication",
-                                          "SKF_CloseApplication",
-                                          "SKF_CreateFile",
-                                          "SKF_DeleteFile",
-                                          "SKF_EnumFiles",
-                                          "SKF_GetFileInfo",
-                                          "SKF_ReadFile",
-                                          "SKF_WriteFile",
-                                          "SKF_CreateContainer",
-                                          "SKF_DeleteContainer",
-                                          "SKF_OpenContainer",
-                                          "SKF_CloseContainer",
-                                          "SKF_EnumContainer",
-                                          "SKF_GetContainerType",
-                                          "SKF_ImportCertificate",
-                                          "SKF_ExportCertificate",
-                                          "SKF_GenRandom",
-                                          "SKF_GenExtRSAKey",
-                                          "SKF_GenRSAKeyPair",
-                                          "SKF_ImportRSAKeyPair",
-                                          "SKF_RSASignData",
-                                          "SKF_RSAVerify",
-                                          "SKF_RSAExportSessionKey",
-                                          "SKF_ExtRSAPubKeyOperation",
-                                          "SKF_ExtRSAPriKeyOperation",
-                                          "SKF_GenECCKeyPair",
-                                          "SKF_ImportECCKeyPair",
-                                          "SKF_ECCSignData",
-                                          "SKF_ECCVerify",
-                                          "SKF_ECCExportSessionKey",
-                                          "SKF_ExtECCEncrypt",
-                                          "SKF_ExtECCDecrypt",
-                                          "SKF_ExtECCSign",
-                                          "SKF_ExtECCVerify",
-                                          "SKF_GenerateAgreementDataWithECC",
-                                          "SKF_GenerateAgreementDataAndKeyWithECC",
-                                          "SKF_GenerateKeyWithECC",
-                                          "SKF_ExportPublicKey",
-                                          "SKF_ImportSessionKey",
-                                          "SKF_SetSymmKey",
-                                          "SKF_EncryptInit",
-                                          "SKF_Encrypt",
-                                          "SKF_EncryptUpdate",
-                                          "SKF_EncryptFinal",
-                                          "SKF_DecryptInit",
-                                          "SKF_Decrypt",
-                                          "SKF_DecryptUpdate",
-                                          "SKF_DecryptFinal",
-                                          "SKF_DigestInit",
-                                          "SKF_Digest",
-                                          "SKF_DigestUpdate",
-                                          "SKF_DigestFinal",
-                                          "SKF_MacInit",
-                                          "SKF_Mac",
-                                          "SKF_MacUpdate",
-                                          "SKF_MacFinal",
-                                          "SKF_CloseHandle"};
+// Every function of the standard, separated by spaces.
+const char kStandardFunctions[] =
+    "SKF_WaitForDevEvent SKF_CancelWaitForDevEvent SKF_EnumDev SKF_ConnectDev "
+    "SKF_DisConnectDev SKF_GetDevState SKF_SetLabel SKF_GetDevInfo SKF_LockDev SKF_UnlockDev "
+    "SKF_Transmit SKF_ChangeDevAuthKey SKF_DevAuth SKF_ChangePIN SKF_GetPINInfo "
+    "SKF_VerifyPIN SKF_UnblockPIN SKF_ClearSecureState SKF_CreateApplication "
+    "SKF_EnumApplication SKF_DeleteApplication SKF_OpenApplication SKF_CloseApplication "
+    "SKF_CreateFile SKF_DeleteFile SKF_EnumFiles SKF_GetFileInfo SKF_ReadFile SKF_WriteFile "
+    "SKF_CreateContainer SKF_DeleteContainer SKF_OpenContainer SKF_CloseContainer "
+    "SKF_EnumContainer SKF_GetContainerType SKF_ImportCertificate SKF_ExportCertificate "
+    "SKF_GenRandom SKF_GenExtRSAKey SKF_GenRSAKeyPair SKF_ImportRSAKeyPair SKF_RSASignData "
+    "SKF_RSAVerify SKF_RSAExportSessionKey SKF_ExtRSAPubKeyOperation "
+    "SKF_ExtRSAPriKeyOperation SKF_GenECCKeyPair SKF_ImportECCKeyPair SKF_ECCSignData "
+    "SKF_ECCVerify SKF_ECCExportSessionKey SKF_ExtECCEncrypt SKF_ExtECCDecrypt "
+    "SKF_ExtECCSign SKF_ExtECCVerify SKF_GenerateAgreementDataWithECC "
+    "SKF_GenerateAgreementDataAndKeyWithECC SKF_GenerateKeyWithECC SKF_ExportPublicKey "
+    "SKF_ImportSessionKey SKF_SetSymmKey SKF_EncryptInit SKF_Encrypt SKF_EncryptUpdate "
+    "SKF_EncryptFinal SKF_DecryptInit SKF_Decrypt SKF_DecryptUpdate SKF_DecryptFinal "
+    "SKF_DigestInit SKF_Digest SKF_DigestUpdate SKF_DigestFinal SKF_MacInit SKF_Mac "
+    "SKF_MacUpdate SKF_MacFinal SKF_CloseHandle";
 
 TEST(ConformanceExports, EveryStandardFunctionResolves) {
   ASSERT_NE(nullptr, library()) << dlerror();
-  EXPECT_EQ(78u, std::size(kStandardFunctions));
-  for (const char *name : kStandardFunctions) EXPECT_NE(nullptr, dlsym(library(), name)) << name;
+  std::istringstream names(kStandardFunctions);
+  int count = 0;
+  for (std::string name; names >> name; ++count) {
+    EXPECT_NE(nullptr, dlsym(library(), name.c_str())) << name;
+  }
+  EXPECT_EQ(78, count);
 }
 
 Bytes pattern(size_t n, unsigned char seed) {
@@ -272,17 +219,6 @@ TEST_F(ConformanceTest, MacIsTheLastCbcBlock) {
   }
 }
 
-TEST_F(ConformanceTest, DigestInOneCallIsSm3) {
-  HANDLE h = nullptr;
-  const Bytes data = pattern(200, 6);
-  Bytes out(32);
-  ULONG len = 32;
-  ASSERT_EQ(SAR_OK, SKF(SKF_DigestInit)(dev, SGD_SM3, nullptr, nullptr, 0, &h));
-  ASSERT_EQ(SAR_OK, SKF(SKF_Digest)(h, const_cast<BYTE *>(data.data()), 200, out.data(), &len));
-  EXPECT_EQ(sm3(data), out);
-  EXPECT_EQ(SAR_NOTINITIALIZEERR, SKF(SKF_Digest)(h, out.data(), 32, out.data(), &len));
-}
-
 TEST_F(ConformanceTest, BothSm2NumberingsGenerateAndSign) {
   DEVINFO info;
   ASSERT_EQ(SAR_OK, SKF(SKF_GetDevInfo)(dev, &info));
@@ -293,8 +229,11 @@ TEST_F(ConformanceTest, BothSm2NumberingsGenerateAndSign) {
     ECCSIGNATUREBLOB sig;
     ASSERT_EQ(SAR_OK, SKF(SKF_GenECCKeyPair)(con, alg, &pub));
     Bytes digest = pattern(32, static_cast<unsigned char>(alg >> 8));
+    memset(&sig, 0xAA, sizeof sig);
     ASSERT_EQ(SAR_OK, SKF(SKF_ECCSignData)(con, digest.data(), 32, &sig));
     EXPECT_TRUE(sm2VerifyDigest(sm2KeyFromBlob(pub).get(), digest, sig));
+    EXPECT_EQ(Bytes(32, 0), Bytes(sig.r, sig.r + 32)) << "r is right-aligned";
+    EXPECT_EQ(Bytes(32, 0), Bytes(sig.s, sig.s + 32)) << "s is right-aligned";
     EXPECT_EQ(SAR_OK, SKF(SKF_ECCVerify)(dev, &pub, digest.data(), 32, &sig));
     EXPECT_EQ(SAR_OK, SKF(SKF_ExtECCVerify)(dev, &pub, digest.data(), 32, &sig));
     sig.s[63] ^= 1;
@@ -302,18 +241,16 @@ TEST_F(ConformanceTest, BothSm2NumberingsGenerateAndSign) {
   }
   ECCPUBLICKEYBLOB pub;
   EXPECT_EQ(SAR_INVALIDPARAMERR, SKF(SKF_GenECCKeyPair)(con, 0x00020800, &pub));
+  ECCSIGNATUREBLOB sig;
+  EXPECT_EQ(SAR_INDATALENERR, SKF(SKF_ECCSignData)(con, pub.XCoordinate, 31, &sig));
 }
 
 TEST_F(ConformanceTest, ExternalSm2KeysAgreeWithOpenSsl) {
   Sm2Pair pair = newSm2Pair();
-  ECCPRIVATEKEYBLOB pri;
-  ECCPUBLICKEYBLOB pub;
-  memset(&pri, 0, sizeof pri);
-  memset(&pub, 0, sizeof pub);
-  pri.BitLen = pub.BitLen = 256;
+  ECCPRIVATEKEYBLOB pri = {};
+  ECCPUBLICKEYBLOB pub = pair.blob();
+  pri.BitLen = 256;
   memcpy(pri.PrivateKey + 32, pair.d.data(), 32);
-  memcpy(pub.XCoordinate + 32, pair.x.data(), 32);
-  memcpy(pub.YCoordinate + 32, pair.y.data(), 32);
   Bytes digest = pattern(32, 1), plain = pattern(45, 2);
   ECCSIGNATUREBLOB sig;
   ASSERT_EQ(SAR_OK, SKF(SKF_ExtECCSign)(dev, &pri, digest.data(), 32, &sig));
@@ -402,41 +339,13 @@ TEST_F(ConformanceTest, SessionKeysTravelWrapped) {
   }
 }
 
-TEST_F(ConformanceTest, RsaContainerImportsSessionKeys) {
-  HCONTAINER rsaCon = makeRsaContainer(app);
-  RSAPUBLICKEYBLOB signPub;
-  ULONG len = sizeof signPub;
-  ASSERT_EQ(SAR_OK,
-            SKF(SKF_ExportPublicKey)(rsaCon, TRUE, reinterpret_cast<BYTE *>(&signPub), &len));
-  RsaPair enc = newRsaPair(1024);
-  const Bytes wrapKey = pattern(16, 12), key = pattern(16, 13);
-  Bytes wrapped = rsaEncrypt(rsaKeyFromBlob(signPub).get(), wrapKey);
-  Bytes der = sm4(true, true, wrapKey, enc.der);
-  ASSERT_EQ(SAR_OK, SKF(SKF_ImportRSAKeyPair)(rsaCon, SGD_SMS4_ECB, wrapped.data(), 128, der.data(),
-                                              static_cast<ULONG>(der.size())));
-  Bytes sessionWrapped = rsaEncrypt(enc.key.get(), key);
-  HANDLE h = nullptr;
-  ASSERT_EQ(SAR_OK,
-            SKF(SKF_ImportSessionKey)(rsaCon, SGD_SMS4_ECB, sessionWrapped.data(), 128, &h));
-  EXPECT_EQ(sm4(true, false, key, pattern(16, 1)), encryptBlock(h));
-  sessionWrapped[5] ^= 1;
-  EXPECT_EQ(SAR_INDATAERR,
-            SKF(SKF_ImportSessionKey)(rsaCon, SGD_SMS4_ECB, sessionWrapped.data(), 128, &h));
-}
-
 TEST_F(ConformanceTest, KeyAgreementMatchesOpenSslAndItself) {
   importEncryptionPair();
-  ECCPUBLICKEYBLOB encPub = exportEcc(FALSE), sponsorPub, sponsorTemp, responderTemp;
   Bytes sponsorId = {'a', 'l', 'i', 'c', 'e'}, responderId = {'b', 'o', 'b'};
   // OpenSSL sponsors; the token responds.
   Sm2Pair sponsor = newSm2Pair(), temp = newSm2Pair();
-  memset(&sponsorPub, 0, sizeof sponsorPub);
-  sponsorPub.BitLen = 256;
-  memcpy(sponsorPub.XCoordinate + 32, sponsor.x.data(), 32);
-  memcpy(sponsorPub.YCoordinate + 32, sponsor.y.data(), 32);
-  sponsorTemp = sponsorPub;
-  memcpy(sponsorTemp.XCoordinate + 32, temp.x.data(), 32);
-  memcpy(sponsorTemp.YCoordinate + 32, temp.y.data(), 32);
+  ECCPUBLICKEYBLOB encPub = exportEcc(FALSE), sponsorPub = sponsor.blob(),
+                   sponsorTemp = temp.blob(), responderTemp;
   HANDLE responderKey = nullptr, agreement = nullptr, sponsorKey = nullptr;
   ASSERT_EQ(SAR_OK, SKF(SKF_GenerateAgreementDataAndKeyWithECC)(
                         con, SGD_SMS4_ECB, &sponsorPub, &sponsorTemp, &responderTemp,

@@ -22,48 +22,23 @@ Bytes randomBytes(size_t n) {
   return out;
 }
 
-ECCPUBLICKEYBLOB exportEcc(HCONTAINER con, BOOL sign) {
-  ECCPUBLICKEYBLOB blob = {};
+// The container's public key blob of either kind, exported in full.
+template <typename Blob>
+Blob exportKey(HCONTAINER con, BOOL sign) {
+  Blob blob = {};
   ULONG len = sizeof blob;
   EXPECT_EQ(SAR_OK, SKF_ExportPublicKey(con, sign, reinterpret_cast<BYTE *>(&blob), &len));
   EXPECT_EQ(sizeof blob, len);
   return blob;
 }
-
+ECCPUBLICKEYBLOB exportEcc(HCONTAINER con, BOOL sign) {
+  return exportKey<ECCPUBLICKEYBLOB>(con, sign);
+}
 RSAPUBLICKEYBLOB exportRsa(HCONTAINER con, BOOL sign) {
-  RSAPUBLICKEYBLOB blob = {};
-  ULONG len = sizeof blob;
-  EXPECT_EQ(SAR_OK, SKF_ExportPublicKey(con, sign, reinterpret_cast<BYTE *>(&blob), &len));
-  EXPECT_EQ(sizeof blob, len);
-  return blob;
+  return exportKey<RSAPUBLICKEYBLOB>(con, sign);
 }
 
 class CrossCheckTest : public SoftTokenTest {};
-
-TEST_F(CrossCheckTest, Sm2SignaturesVerifyWithOpenSsl) {
-  DEVHANDLE dev = makeDevice();
-  HAPPLICATION app = makeApplication(dev);
-  HCONTAINER con = makeSm2Container(app);
-  ECCPUBLICKEYBLOB blob = exportEcc(con, TRUE);
-  EXPECT_EQ(256u, blob.BitLen);
-  Pkey key = sm2KeyFromBlob(blob);
-  ASSERT_TRUE(key);
-  for (int i = 0; i < 4; ++i) {
-    Bytes digest = randomBytes(32);
-    ECCSIGNATUREBLOB sig;
-    memset(&sig, 0xAA, sizeof sig);
-    ASSERT_EQ(SAR_OK, SKF_ECCSignData(con, digest.data(), 32, &sig));
-    EXPECT_TRUE(sm2VerifyDigest(key.get(), digest, sig));
-    const Bytes zeros(32, 0);
-    EXPECT_EQ(0, memcmp(sig.r, zeros.data(), 32)) << "r is right-aligned";
-    EXPECT_EQ(0, memcmp(sig.s, zeros.data(), 32)) << "s is right-aligned";
-    digest[0] ^= 1;
-    EXPECT_FALSE(sm2VerifyDigest(key.get(), digest, sig));
-  }
-  BYTE shortDigest[31] = {};
-  ECCSIGNATUREBLOB sig;
-  EXPECT_EQ(SAR_INDATALENERR, SKF_ECCSignData(con, shortDigest, 31, &sig));
-}
 
 // SKF_DigestInit with a public key hashes Z || M: a signature over that
 // digest verifies as an SM2 signature of M in OpenSSL, with the default
@@ -194,9 +169,7 @@ class Sm2DecryptTest : public SoftTokenTest, public ::testing::WithParamInterfac
 
 TEST_P(Sm2DecryptTest, OpensOpenSslCiphertext) {
   const size_t length = GetParam();
-  DEVHANDLE dev = makeDevice();
-  HAPPLICATION app = makeApplication(dev);
-  HCONTAINER con = makeSm2Container(app);
+  HCONTAINER con = makeSm2Container(makeApplication(makeDevice()));
   Pkey key = sm2KeyFromBlob(exportEcc(con, TRUE));
   Bytes message = randomBytes(length);
   Bytes blob = sm2EncryptToBlob(key.get(), message);
@@ -229,62 +202,33 @@ TEST_P(Sm2DecryptTest, OpensOpenSslCiphertext) {
 
 INSTANTIATE_TEST_SUITE_P(Lengths, Sm2DecryptTest, ::testing::Values(1u, 16u, 32u, 33u, 1000u));
 
-// The three layouts of the encrypted private key in cbEncryptedPriKey.
+// The three layouts of the private key in cbEncryptedPriKey: d alone, d
+// between a 4-byte header and padding, d after 32 zero bytes.
 enum class PrivateLayout { Plain32, Padded48, Zero64 };
 
-Bytes encryptedPrivate(PrivateLayout layout, const Bytes &symmetricKey, const Bytes &d) {
+Bytes privateField(PrivateLayout layout, const Bytes &d) {
   Bytes plain;
-  if (layout == PrivateLayout::Plain32) {
-    plain = d;
-  } else if (layout == PrivateLayout::Padded48) {
-    plain = {0x00, 0x01, 0x00, 0x00};
-    plain.insert(plain.end(), d.begin(), d.end());
-    plain.insert(plain.end(), 12, 0x0C);
-  } else {
-    plain.assign(32, 0);
-    plain.insert(plain.end(), d.begin(), d.end());
-  }
-  Bytes cipher = sm4(true, false, symmetricKey, plain);
-  Bytes field(64 - cipher.size(), 0);
-  field.insert(field.end(), cipher.begin(), cipher.end());
-  return field;
-}
-
-// ENVELOPEDKEYBLOB for `pair`, its symmetric key SM2-encrypted under `wrapKey`.
-Bytes envelope(EVP_PKEY *wrapKey, const Sm2Pair &pair, const Bytes &symmetricKey,
-               PrivateLayout layout, ULONG algorithm = SGD_SMS4_ECB) {
-  Bytes wrapped = sm2EncryptToBlob(wrapKey, symmetricKey);
-  Bytes blob(sizeof(ENVELOPEDKEYBLOB) + 15, 0);
-  ENVELOPEDKEYBLOB *env = reinterpret_cast<ENVELOPEDKEYBLOB *>(blob.data());
-  env->Version = 1;
-  env->ulSymmAlgID = algorithm;
-  env->ulBits = 256;
-  Bytes field = encryptedPrivate(layout, symmetricKey, pair.d);
-  memcpy(env->cbEncryptedPriKey, field.data(), 64);
-  env->PubKey.BitLen = 256;
-  memcpy(env->PubKey.XCoordinate + 32, pair.x.data(), 32);
-  memcpy(env->PubKey.YCoordinate + 32, pair.y.data(), 32);
-  memcpy(&env->ECCCipherBlob, wrapped.data(), sizeof(ECCCIPHERBLOB) + 15);
-  return blob;
+  if (layout == PrivateLayout::Padded48) plain = {0x00, 0x01, 0x00, 0x00};
+  if (layout == PrivateLayout::Zero64) plain.assign(32, 0);
+  plain.insert(plain.end(), d.begin(), d.end());
+  if (layout == PrivateLayout::Padded48) plain.insert(plain.end(), 12, 0x0C);
+  return plain;
 }
 
 class EccImportTest : public SoftTokenTest, public ::testing::WithParamInterface<PrivateLayout> {};
 
 TEST_P(EccImportTest, ImportsEachPrivateKeyLayout) {
-  DEVHANDLE dev = makeDevice();
-  HAPPLICATION app = makeApplication(dev);
-  HCONTAINER con = makeSm2Container(app);
+  HCONTAINER con = makeSm2Container(makeApplication(makeDevice()));
   Pkey signKey = sm2KeyFromBlob(exportEcc(con, TRUE));
   Sm2Pair pair = newSm2Pair();
-  Bytes blob = envelope(signKey.get(), pair, randomBytes(16), GetParam());
+  Bytes blob = sm2Envelope(signKey.get(), pair, privateField(GetParam(), pair.d));
   ASSERT_EQ(SAR_OK, SKF_ImportECCKeyPair(con, reinterpret_cast<ENVELOPEDKEYBLOB *>(blob.data())));
   // At rest the private scalar is sealed: the store never holds it in clear.
   std::string stored = storeContents(storePath());
   EXPECT_EQ(std::string::npos, stored.find(std::string(pair.d.begin(), pair.d.end())));
 
-  ECCPUBLICKEYBLOB encBlob = exportEcc(con, FALSE);
-  EXPECT_EQ(0, memcmp(encBlob.XCoordinate + 32, pair.x.data(), 32));
-  EXPECT_EQ(0, memcmp(encBlob.YCoordinate + 32, pair.y.data(), 32));
+  const ECCPUBLICKEYBLOB encBlob = exportEcc(con, FALSE), expected = pair.blob();
+  EXPECT_EQ(0, memcmp(&expected, &encBlob, sizeof encBlob));
   // The imported private key opens what OpenSSL encrypts to its public key.
   Bytes message = randomBytes(20);
   Bytes cipher = sm2EncryptToBlob(pair.key.get(), message);
@@ -295,7 +239,7 @@ TEST_P(EccImportTest, ImportsEachPrivateKeyLayout) {
   EXPECT_EQ(message, plain);
   // A second import replaces the key the first decryption made ready.
   Sm2Pair next = newSm2Pair();
-  blob = envelope(signKey.get(), next, randomBytes(16), GetParam());
+  blob = sm2Envelope(signKey.get(), next, privateField(GetParam(), next.d));
   ASSERT_EQ(SAR_OK, SKF_ImportECCKeyPair(con, reinterpret_cast<ENVELOPEDKEYBLOB *>(blob.data())));
   cipher = sm2EncryptToBlob(next.key.get(), message);
   len = 20;
@@ -309,30 +253,24 @@ INSTANTIATE_TEST_SUITE_P(Layouts, EccImportTest,
                                            PrivateLayout::Zero64));
 
 TEST_F(CrossCheckTest, WrongEccEnvelopesImportNothing) {
-  DEVHANDLE dev = makeDevice();
-  HAPPLICATION app = makeApplication(dev);
-  HCONTAINER con = makeSm2Container(app);
+  HCONTAINER con = makeSm2Container(makeApplication(makeDevice()));
   Pkey signKey = sm2KeyFromBlob(exportEcc(con, TRUE));
   Sm2Pair pair = newSm2Pair(), other = newSm2Pair();
-  Bytes symmetricKey = randomBytes(16);
-
   struct Case {
     const char *what;
     Bytes blob;
     ULONG expected;
   };
-  Bytes mismatched = envelope(signKey.get(), pair, symmetricKey, PrivateLayout::Plain32);
+  Bytes mismatched = sm2Envelope(signKey.get(), pair);
   memcpy(reinterpret_cast<ENVELOPEDKEYBLOB *>(mismatched.data())->PubKey.XCoordinate + 32,
          other.x.data(), 32);
-  Bytes foreignWrap = envelope(other.key.get(), pair, symmetricKey, PrivateLayout::Plain32);
   Case cases[] = {
       {"public key of another pair", mismatched, SAR_KEYINFOTYPEERR},
-      {"symmetric key wrapped for another key", foreignWrap, SAR_KEYINFOTYPEERR},
-      {"SM1 envelope",
-       envelope(signKey.get(), pair, symmetricKey, PrivateLayout::Plain32, SGD_SM1_ECB),
+      {"symmetric key wrapped for another key", sm2Envelope(other.key.get(), pair),
+       SAR_KEYINFOTYPEERR},
+      {"SM1 envelope", sm2Envelope(signKey.get(), pair, Bytes(), SGD_SM1_ECB),
        SAR_NOTSUPPORTYETERR},
-      {"SSF33 envelope",
-       envelope(signKey.get(), pair, symmetricKey, PrivateLayout::Plain32, SGD_SSF33_ECB),
+      {"SSF33 envelope", sm2Envelope(signKey.get(), pair, Bytes(), SGD_SSF33_ECB),
        SAR_NOTSUPPORTYETERR},
   };
   for (Case &c : cases) {
@@ -345,9 +283,7 @@ TEST_F(CrossCheckTest, WrongEccEnvelopesImportNothing) {
 }
 
 TEST_F(CrossCheckTest, RsaEnvelopeImportsTheEncryptionKeyPair) {
-  DEVHANDLE dev = makeDevice();
-  HAPPLICATION app = makeApplication(dev);
-  HCONTAINER con = makeRsaContainer(app, 1024);
+  HCONTAINER con = makeRsaContainer(makeApplication(makeDevice()), 1024);
   Pkey signKey = rsaKeyFromBlob(exportRsa(con, TRUE));
   RsaPair pair = newRsaPair(2048);
   ASSERT_FALSE(pair.der.empty());
@@ -379,6 +315,16 @@ TEST_F(CrossCheckTest, RsaEnvelopeImportsTheEncryptionKeyPair) {
   ASSERT_EQ(SAR_OK, SKF_RSADecrypt(con, FALSE, cipher.data(), 256, plain.data(), &len));
   plain.resize(len);
   EXPECT_EQ(secret, plain);
+  // The same ciphertext imports as a session key; a damaged one does not.
+  HANDLE session = nullptr;
+  ASSERT_EQ(SAR_OK, SKF_ImportSessionKey(con, SGD_SMS4_ECB, cipher.data(), 256, &session));
+  const BLOCKCIPHERPARAM ecb = {};
+  Bytes block(16, 0x42), out(16);
+  ASSERT_EQ(SAR_OK, SKF_EncryptInit(session, ecb));
+  ASSERT_EQ(SAR_OK, SKF_Encrypt(session, block.data(), 16, out.data(), &len));
+  EXPECT_EQ(sm4(true, false, secret, block), out);
+  cipher[5] ^= 1;
+  EXPECT_EQ(SAR_INDATAERR, SKF_ImportSessionKey(con, SGD_SMS4_ECB, cipher.data(), 256, &session));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <openssl/ec.h>
 #include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
+#include <openssl/rand.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <string.h>
@@ -33,6 +34,34 @@ Pkey fromData(const char *type, OSSL_PARAM_BLD *bld) {
 Bytes bnBytes(const BIGNUM *bn, int len) {
   Bytes out(static_cast<size_t>(len));
   BN_bn2binpad(bn, out.data(), len);
+  return out;
+}
+
+// The signature blob as DER SEQUENCE { r, s }.
+Bytes signatureDer(const ECCSIGNATUREBLOB &sig) {
+  ECDSA_SIG *s = ECDSA_SIG_new();
+  ECDSA_SIG_set0(s, BN_bin2bn(sig.r + 32, 32, nullptr), BN_bin2bn(sig.s + 32, 32, nullptr));
+  unsigned char *der = nullptr;
+  const int len = i2d_ECDSA_SIG(s, &der);
+  Bytes out(der, der + (len > 0 ? len : 0));
+  ECDSA_SIG_free(s);
+  OPENSSL_free(der);
+  return out;
+}
+
+// One RSA operation with PKCS #1 v1.5 padding (empty on failure).
+Bytes rsaPkcs1(EVP_PKEY *key, int (*init)(EVP_PKEY_CTX *),
+               int (*op)(EVP_PKEY_CTX *, unsigned char *, size_t *, const unsigned char *, size_t),
+               const Bytes &in) {
+  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
+  Bytes out(512);
+  size_t len = out.size();
+  if (!ctx || init(ctx.get()) != 1 ||
+      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
+      op(ctx.get(), out.data(), &len, in.data(), in.size()) != 1) {
+    return Bytes();
+  }
+  out.resize(len);
   return out;
 }
 
@@ -66,66 +95,38 @@ Pkey rsaKeyFromBlob(const RSAPUBLICKEYBLOB &blob) {
 }
 
 bool sm2VerifyDigest(EVP_PKEY *key, const Bytes &digest, const ECCSIGNATUREBLOB &sig) {
-  ECDSA_SIG *s = ECDSA_SIG_new();
-  ECDSA_SIG_set0(s, BN_bin2bn(sig.r + 32, 32, nullptr), BN_bin2bn(sig.s + 32, 32, nullptr));
-  unsigned char *der = nullptr;
-  int derLen = i2d_ECDSA_SIG(s, &der);
-  ECDSA_SIG_free(s);
+  const Bytes der = signatureDer(sig);
   Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
-  bool ok = ctx && derLen > 0 && EVP_PKEY_verify_init(ctx.get()) == 1 &&
-            EVP_PKEY_verify(ctx.get(), der, static_cast<size_t>(derLen), digest.data(),
-                            digest.size()) == 1;
-  OPENSSL_free(der);
-  return ok;
+  return ctx && !der.empty() && EVP_PKEY_verify_init(ctx.get()) == 1 &&
+         EVP_PKEY_verify(ctx.get(), der.data(), der.size(), digest.data(), digest.size()) == 1;
 }
 
 bool sm2VerifyMessage(EVP_PKEY *key, const Bytes &id, const Bytes &message,
                       const ECCSIGNATUREBLOB &sig) {
-  ECDSA_SIG *s = ECDSA_SIG_new();
-  ECDSA_SIG_set0(s, BN_bin2bn(sig.r + 32, 32, nullptr), BN_bin2bn(sig.s + 32, 32, nullptr));
-  unsigned char *der = nullptr;
-  int derLen = i2d_ECDSA_SIG(s, &der);
-  ECDSA_SIG_free(s);
+  const Bytes der = signatureDer(sig);
   EVP_MD_CTX *md = EVP_MD_CTX_new();
   Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
-  bool ok = md != nullptr && ctx && derLen > 0 &&
+  bool ok = md != nullptr && ctx && !der.empty() &&
             EVP_PKEY_CTX_set1_id(ctx.get(), id.data(), static_cast<int>(id.size())) == 1;
   if (ok) {
     EVP_MD_CTX_set_pkey_ctx(md, ctx.get());
-    ok =
-        EVP_DigestVerifyInit(md, nullptr, EVP_sm3(), nullptr, key) == 1 &&
-        EVP_DigestVerify(md, der, static_cast<size_t>(derLen), message.data(), message.size()) == 1;
+    ok = EVP_DigestVerifyInit(md, nullptr, EVP_sm3(), nullptr, key) == 1 &&
+         EVP_DigestVerify(md, der.data(), der.size(), message.data(), message.size()) == 1;
   }
   EVP_MD_CTX_free(md);
-  OPENSSL_free(der);
   return ok;
 }
 
 Bytes rsaRecover(EVP_PKEY *key, const Bytes &signature) {
-  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
-  Bytes out(512);
-  size_t len = out.size();
-  if (!ctx || EVP_PKEY_verify_recover_init(ctx.get()) != 1 ||
-      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
-      EVP_PKEY_verify_recover(ctx.get(), out.data(), &len, signature.data(), signature.size()) !=
-          1) {
-    return Bytes();
-  }
-  out.resize(len);
-  return out;
+  return rsaPkcs1(key, EVP_PKEY_verify_recover_init, EVP_PKEY_verify_recover, signature);
 }
 
 Bytes rsaEncrypt(EVP_PKEY *key, const Bytes &plain) {
-  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
-  Bytes out(512);
-  size_t len = out.size();
-  if (!ctx || EVP_PKEY_encrypt_init(ctx.get()) != 1 ||
-      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
-      EVP_PKEY_encrypt(ctx.get(), out.data(), &len, plain.data(), plain.size()) != 1) {
-    return Bytes();
-  }
-  out.resize(len);
-  return out;
+  return rsaPkcs1(key, EVP_PKEY_encrypt_init, EVP_PKEY_encrypt, plain);
+}
+
+Bytes rsaDecrypt(EVP_PKEY *key, const Bytes &cipher) {
+  return rsaPkcs1(key, EVP_PKEY_decrypt_init, EVP_PKEY_decrypt, cipher);
 }
 
 Bytes sm2EncryptToBlob(EVP_PKEY *key, const Bytes &plain) {
@@ -176,6 +177,14 @@ Sm2Pair newSm2Pair() {
   return pair;
 }
 
+ECCPUBLICKEYBLOB Sm2Pair::blob() const {
+  ECCPUBLICKEYBLOB out = {};
+  out.BitLen = 256;
+  memcpy(out.XCoordinate + 32, x.data(), 32);
+  memcpy(out.YCoordinate + 32, y.data(), 32);
+  return out;
+}
+
 RsaPair newRsaPair(int bits) {
   RsaPair pair;
   pair.key.reset(EVP_RSA_gen(static_cast<unsigned>(bits)));
@@ -215,32 +224,19 @@ Bytes sm3(const Bytes &data) {
   return out;
 }
 
-Bytes rsaDecrypt(EVP_PKEY *key, const Bytes &cipher) {
-  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
-  Bytes out(512);
-  size_t len = out.size();
-  if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 ||
-      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
-      EVP_PKEY_decrypt(ctx.get(), out.data(), &len, cipher.data(), cipher.size()) != 1) {
-    return Bytes();
-  }
-  out.resize(len);
-  return out;
-}
-
-Bytes sm2Envelope(EVP_PKEY *wrapKey, const Sm2Pair &pair) {
-  const Bytes symmetricKey(16, 0x5A);
+Bytes sm2Envelope(EVP_PKEY *wrapKey, const Sm2Pair &pair, const Bytes &privateField,
+                  ULONG algorithm) {
+  Bytes symmetricKey(16);
+  RAND_bytes(symmetricKey.data(), 16);
   Bytes wrapped = sm2EncryptToBlob(wrapKey, symmetricKey);
   Bytes blob(sizeof(ENVELOPEDKEYBLOB) + 15, 0);
   ENVELOPEDKEYBLOB *env = reinterpret_cast<ENVELOPEDKEYBLOB *>(blob.data());
   env->Version = 1;
-  env->ulSymmAlgID = SGD_SMS4_ECB;
+  env->ulSymmAlgID = algorithm;
   env->ulBits = 256;
-  Bytes cipher = sm4(true, false, symmetricKey, pair.d);
-  memcpy(env->cbEncryptedPriKey + 32, cipher.data(), 32);
-  env->PubKey.BitLen = 256;
-  memcpy(env->PubKey.XCoordinate + 32, pair.x.data(), 32);
-  memcpy(env->PubKey.YCoordinate + 32, pair.y.data(), 32);
+  Bytes cipher = sm4(true, false, symmetricKey, privateField.empty() ? pair.d : privateField);
+  memcpy(env->cbEncryptedPriKey + 64 - cipher.size(), cipher.data(), cipher.size());
+  env->PubKey = pair.blob();
   memcpy(&env->ECCCipherBlob, wrapped.data(), sizeof(ECCCIPHERBLOB) + 15);
   return blob;
 }

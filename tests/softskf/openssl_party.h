@@ -41,6 +41,7 @@ Bytes sm2EncryptToBlob(EVP_PKEY *key, const Bytes &plain);
 struct Sm2Pair {
   Pkey key;
   Bytes d, x, y;
+  ECCPUBLICKEYBLOB blob() const;  // the public key as the token gives it
 };
 Sm2Pair newSm2Pair();
 
@@ -57,9 +58,11 @@ Bytes sm4Mode(const char *mode, bool encrypt, bool pad, const Bytes &key, const 
               const Bytes &in);
 Bytes sm3(const Bytes &data);
 Bytes rsaDecrypt(EVP_PKEY *key, const Bytes &cipher);
-// An ENVELOPEDKEYBLOB importing `pair` (private key in the 32-byte layout),
-// its SM4 key SM2-encrypted under wrapKey.
-Bytes sm2Envelope(EVP_PKEY *wrapKey, const Sm2Pair &pair);
+// An ENVELOPEDKEYBLOB importing `pair`, its fresh SM4 key SM2-encrypted
+// under wrapKey. The private key field holds, right-aligned, the encryption
+// of `privateField` (empty: d itself, the 32-byte layout).
+Bytes sm2Envelope(EVP_PKEY *wrapKey, const Sm2Pair &pair, const Bytes &privateField = Bytes(),
+                  ULONG algorithm = SGD_SMS4_ECB);
 // The 16-byte key of SM2 key agreement (GM/T 0003.3) as the sponsor
 // derives it from its key pair and temporary pair and the responder's.
 Bytes sm2AgreedKey(const Sm2Pair &own, const Sm2Pair &ownTemp, const Bytes &ownId,

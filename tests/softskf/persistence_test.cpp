@@ -67,32 +67,18 @@ std::string le32(uint32_t v) {
 }
 
 TEST_F(PersistenceTest, AnotherProcessSeesWhatOneWrote) {
-  ASSERT_EQ(SAR_OK, SKFSoft_CreateDevice("tok1", "L", "S", kAuthKey));
   // The child provisions; it shares nothing with the parent but the disk.
-  int child = inChild([] {
-    DEVHANDLE dev;
-    HAPPLICATION app;
-    HCONTAINER con;
-    ULONG retry;
-    if (SKF_ConnectDev(const_cast<char *>("tok1"), &dev) != SAR_OK) return 1;
-    if (SoftTokenTest::authenticate(dev) != SAR_OK) return 2;
-    if (SKF_CreateApplication(dev, const_cast<char *>("app"), const_cast<char *>(kAdminPin), 4,
-                              const_cast<char *>(kUserPin), 4, SECURE_ANYONE_ACCOUNT,
-                              &app) != SAR_OK)
-      return 3;
-    if (SKF_VerifyPIN(app, USER_TYPE, const_cast<char *>(kUserPin), &retry) != SAR_OK) return 4;
-    if (SKF_CreateContainer(app, const_cast<char *>("c1"), &con) != SAR_OK) return 5;
-    ECCPUBLICKEYBLOB blob;
-    if (SKF_GenECCKeyPair(con, SGD_SM2_1, &blob) != SAR_OK) return 6;
-    if (SKF_CreateFile(app, const_cast<char *>("f"), 4, SECURE_ANYONE_ACCOUNT,
-                       SECURE_ANYONE_ACCOUNT) != SAR_OK)
-      return 7;
-    BYTE data[4] = {1, 2, 3, 4};
-    if (SKF_WriteFile(app, const_cast<char *>("f"), 0, data, 4) != SAR_OK) return 8;
-    SKF_VerifyPIN(app, USER_TYPE, const_cast<char *>("wrong-pin"), &retry);
-    return 0;
-  });
-  ASSERT_EQ(0, child);
+  ASSERT_EQ(0, inChild([this] {
+              HAPPLICATION app = makeApplication(makeDevice(), "app", 4);
+              makeSm2Container(app, "c1");
+              BYTE data[4] = {1, 2, 3, 4};
+              ULONG retry;
+              EXPECT_EQ(SAR_OK, SKF_CreateFile(app, const_cast<char *>("f"), 4,
+                                               SECURE_ANYONE_ACCOUNT, SECURE_ANYONE_ACCOUNT));
+              EXPECT_EQ(SAR_OK, SKF_WriteFile(app, const_cast<char *>("f"), 0, data, 4));
+              SKF_VerifyPIN(app, USER_TYPE, const_cast<char *>("wrong-pin"), &retry);
+              return HasFailure() ? 1 : 0;
+            }));
 
   DEVHANDLE dev;
   HAPPLICATION app;
@@ -181,11 +167,7 @@ TEST_F(PersistenceTest, DamagedApplicationFileIsRefused) {
   HAPPLICATION app = makeApplication(dev);
   makeSm2Container(app);
   const std::string path = storePath() + "/tok1/app.app";
-  std::string original;
-  {
-    std::ifstream in(path, std::ios::binary);
-    original.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
+  const std::string original = readAll(path);
   ASSERT_GT(original.size(), 100u);
   struct Damage {
     const char *what;
@@ -459,8 +441,7 @@ TEST_F(PersistenceTest, CallsFailWhenTheStoreLockCannotBeOpened) {
 TEST_F(PersistenceTest, StoreHoldsNoPinAndNoTokenKeyInClear) {
   DEVHANDLE dev = makeDevice();
   HAPPLICATION app = makeApplication(dev);
-  HCONTAINER con = makeSm2Container(app);
-  (void)con;
+  makeSm2Container(app);
   std::string contents = storeContents(storePath());
   EXPECT_EQ(std::string::npos, contents.find(kUserPin));
   EXPECT_EQ(std::string::npos, contents.find(kAdminPin));

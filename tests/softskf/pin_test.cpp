@@ -111,21 +111,6 @@ TEST_F(PinTest, DefaultFlagClearsOnlyForTheChangedPin) {
   EXPECT_TRUE(isDefault);
 }
 
-TEST_F(PinTest, CountersAndLocksSurviveReconnection) {
-  DEVHANDLE dev = makeDevice();
-  HAPPLICATION app = makeApplication(dev, "app", 2);
-  ULONG retry = 0;
-  EXPECT_EQ(SAR_PIN_INCORRECT,
-            SKF_VerifyPIN(app, USER_TYPE, const_cast<char *>("wrong-1"), &retry));
-  EXPECT_EQ(SAR_PIN_INCORRECT,
-            SKF_VerifyPIN(app, USER_TYPE, const_cast<char *>("wrong-2"), &retry));
-  ASSERT_EQ(SAR_OK, SKF_DisConnectDev(dev));
-  ASSERT_EQ(SAR_OK, SKF_ConnectDev(const_cast<char *>("tok1"), &dev));
-  ASSERT_EQ(SAR_OK, SKF_OpenApplication(dev, const_cast<char *>("app"), &app));
-  EXPECT_EQ(SAR_PIN_LOCKED, SKF_VerifyPIN(app, USER_TYPE, const_cast<char *>(kUserPin), &retry));
-  EXPECT_EQ(0u, retry);
-}
-
 // Calls that need the user to be logged in, each run on a fresh container.
 struct GuardedCall {
   const char *name;

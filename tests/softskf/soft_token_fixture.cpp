@@ -1,22 +1,10 @@
 #include "tests/softskf/soft_token_fixture.h"
 
-#include <stdlib.h>
-#include <string.h>
-
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <random>
-#include <system_error>
 
 #include "crypto/backend.h"
-
-#ifdef _WIN32
-#include <process.h>
-#else
-#include <unistd.h>
-#endif
 
 namespace softskf_test {
 
@@ -25,49 +13,13 @@ const BYTE kAuthKey[16] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08,
 const char kAdminPin[] = "admin-pin-1";
 const char kUserPin[] = "user-pin-1";
 
-void setEnvironment(const char *name, const char *value) {
-#ifdef _WIN32
-  _putenv_s(name, value);
-#else
-  setenv(name, value, 1);
-#endif
-}
-
 void SoftTokenTest::SetUp() {
-  // Process ids repeat (under Wine often), and a store left behind by an
-  // earlier run must never be reused: take a name that did not exist.
-  static std::atomic<int> counter{0};
-  std::random_device random;
-#ifdef _WIN32
-  int pid = _getpid();
-#else
-  int pid = getpid();
-#endif
-  std::filesystem::path dir;
-  for (;;) {
-    dir = std::filesystem::temp_directory_path() /
-          ("softskf-test-" + std::to_string(pid) + "-" + std::to_string(++counter) + "-" +
-           std::to_string(random()));
-    if (std::filesystem::create_directory(dir)) break;
-  }
-  m_store = dir.string();
-  setEnvironment("TEMBRA_SOFTSKF_DIR", m_store.c_str());
-  SKFSoft_ClearFaults();
+  m_store = std::make_unique<tembra::test::TokenStore>();
 }
 
 void SoftTokenTest::TearDown() {
-  SKFSoft_ClearFaults();
   SKFSoft_StopCallLog();
-  // One pass, deepest first, ignoring failures: a file still held open by a
-  // handle a case left connected stays behind instead of stalling the run.
-  std::error_code ignored;
-  std::vector<std::filesystem::path> paths;
-  for (std::filesystem::recursive_directory_iterator it(m_store, ignored), end;
-       !ignored && it != end; it.increment(ignored)) {
-    paths.push_back(it->path());
-  }
-  for (auto p = paths.rbegin(); p != paths.rend(); ++p) std::filesystem::remove(*p, ignored);
-  std::filesystem::remove(m_store, ignored);
+  m_store.reset();
 }
 
 DEVHANDLE SoftTokenTest::makeDevice(const char *name) {
@@ -149,19 +101,7 @@ std::string SoftTokenTest::storeContents(const std::string &dir) {
 }
 
 std::vector<std::string> SoftTokenTest::callLog() {
-  ULONG len = 0;
-  EXPECT_EQ(SAR_OK, SKFSoft_GetCallLog(nullptr, &len));
-  std::string text(len, '\0');
-  EXPECT_EQ(SAR_OK, SKFSoft_GetCallLog(&text[0], &len));
-  std::vector<std::string> lines;
-  size_t start = 0;
-  for (size_t i = 0; i < text.size() && text[i] != '\0'; ++i) {
-    if (text[i] == '\n') {
-      lines.push_back(text.substr(start, i - start));
-      start = i + 1;
-    }
-  }
-  return lines;
+  return tembra::test::tokenCallLog();
 }
 
 }  // namespace softskf_test

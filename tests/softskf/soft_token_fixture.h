@@ -5,11 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/skf.h"
 #include "softskf/include/softskf.h"
+#include "tests/support/provider_test_support.h"
 
 namespace softskf_test {
 
@@ -17,14 +19,12 @@ extern const BYTE kAuthKey[16];
 extern const char kAdminPin[];
 extern const char kUserPin[];
 
-void setEnvironment(const char *name, const char *value);
-
 class SoftTokenTest : public ::testing::Test {
  public:
   void SetUp() override;
   void TearDown() override;
 
-  const std::string &storePath() const { return m_store; }
+  const std::string &storePath() const { return m_store->path(); }
   // Creates the device in the store and connects it.
   DEVHANDLE makeDevice(const char *name = "tok1");
   // GenRandom + SM4-ECB of the challenge under `key` + DevAuth.
@@ -45,7 +45,7 @@ class SoftTokenTest : public ::testing::Test {
   static std::vector<std::string> callLog();
 
  private:
-  std::string m_store;
+  std::unique_ptr<tembra::test::TokenStore> m_store;
 };
 
 }  // namespace softskf_test
