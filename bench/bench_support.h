@@ -50,6 +50,16 @@ inline SPI_DEVICE_HANDLE startOnDemoToken(const std::string &store, SPI_DEVICESE
   return DeviceGetDevice(set, 0);
 }
 
+// The demo token logged in with its user PIN, and its SM2 and RSA signature
+// key pairs found. False at the first step that failed.
+inline bool findDemoSigningKeys(SPI_DEVICE_HANDLE device, SPI_KEYPAIR_HANDLE &sm2,
+                                SPI_KEYPAIR_HANDLE &rsa) {
+  int tries = 0;
+  return device != nullptr && DeviceVerifyPwd(device, 1, "12345678", &tries) == 1 &&
+         DeviceFindKeypair(device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, "SM2Container", &sm2) == 1 &&
+         DeviceFindKeypair(device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, "RSAContainer", &rsa) == 1;
+}
+
 // n bytes standing for a digest or a message: i * 7 + 1.
 inline std::vector<unsigned char> patternBytes(size_t n) {
   std::vector<unsigned char> d(n);

@@ -18,8 +18,6 @@ namespace {
 using tembra::bench::patternBytes;
 using tembra::bench::signWithProvider;
 
-const char *kUserPin = "12345678";
-
 // One provisioned demo token in a store of this process, and the provider
 // started on it, shared by every benchmark.
 struct Fixture {
@@ -35,11 +33,7 @@ struct Fixture {
 
   Fixture() {
     device = tembra::bench::startOnDemoToken(tembra::bench::newStore("store"), set);
-    int tries = 0;
-    if (device == nullptr || DeviceVerifyPwd(device, 1, kUserPin, &tries) != 1) return;
-    if (DeviceFindKeypair(device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, "SM2Container", &sm2) != 1 ||
-        DeviceFindKeypair(device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, "RSAContainer", &rsa) != 1)
-      return;
+    if (!tembra::bench::findDemoSigningKeys(device, sm2, rsa)) return;
     // The baseline's own session on the same token.
     ULONG retry = 0;
     char name[] = "BenchToken", app[] = "TembraApp", sm2Name[] = "SM2Container",

@@ -24,8 +24,6 @@ using tembra::bench::newStore;
 using tembra::bench::signWithProvider;
 using tembra::bench::useStore;
 
-const char *kUserPin = "12345678";
-
 // The demo token, the provider started on it and logged in.
 struct SignFixture {
   SPI_DEVICESET_HANDLE set = nullptr;
@@ -36,10 +34,7 @@ struct SignFixture {
 
   SignFixture() {
     SPI_DEVICE_HANDLE device = tembra::bench::startOnDemoToken(store, set);
-    int tries = 0;
-    if (device == nullptr || DeviceVerifyPwd(device, 1, kUserPin, &tries) != 1) return;
-    ok = DeviceFindKeypair(device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, "SM2Container", &sm2) == 1 &&
-         DeviceFindKeypair(device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, "RSAContainer", &rsa) == 1;
+    ok = tembra::bench::findDemoSigningKeys(device, sm2, rsa);
   }
 };
 
