@@ -7,22 +7,16 @@
 // the machine. Run: build with -DTEMBRA_BUILD_BENCH=ON, then
 //   bin/provider_bench --benchmark_counters_tabular=true
 #include <benchmark/benchmark.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <time.h>
 
-#include <random>
 #include <string>
 #include <vector>
 
-#include "include/tembra_key_prov.h"
-#include "platform/skf.h"
-#include "softskf/provision/provision.h"
+#include "bench/bench_support.h"
 
 namespace {
 
-const char *kUserPin = "12345678";
+using tembra::bench::patternBytes;
+using tembra::bench::signWithProvider;
 
 // One provisioned demo token in a store of this process, and the provider
 // started on it, shared by every benchmark.
@@ -38,27 +32,8 @@ struct Fixture {
   bool ok = false;
 
   Fixture() {
-    std::string store = std::string(getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") +
-                        "/tembra-bench-store-" + std::to_string(std::random_device{}()) + "-" +
-                        std::to_string(static_cast<long long>(time(nullptr)));
-#ifdef _WIN32
-    _putenv_s("TEMBRA_SOFTSKF_DIR", store.c_str());
-#else
-    setenv("TEMBRA_SOFTSKF_DIR", store.c_str(), 1);
-    // The trace log goes to a throw-away file, at its default level.
-    setenv("TEMBRA_KEY_PROV_LOG_PATH", (store + ".log").c_str(), 0);
-#endif
-    if (tembra::provision::provisionDevice(tembra::provision::demoDeviceSpec("BenchToken")) !=
-        SAR_OK)
-      return;
-    if (DeviceInit() != 1) return;
-    set = DeviceGetAllDevices();
-    device = DeviceGetDevice(set, 0);
-    int tries = 0;
-    if (device == nullptr || DeviceVerifyPwd(device, 1, kUserPin, &tries) != 1) return;
-    if (DeviceFindKeypair(device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, "SM2Container", &sm2) != 1 ||
-        DeviceFindKeypair(device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, "RSAContainer", &rsa) != 1)
-      return;
+    device = tembra::bench::startOnDemoToken(tembra::bench::newStore("store"), set);
+    if (!tembra::bench::findDemoSigningKeys(device, sm2, rsa)) return;
     // The baseline's own session on the same token.
     ULONG retry = 0;
     char name[] = "BenchToken", app[] = "TembraApp", sm2Name[] = "SM2Container",
@@ -75,16 +50,10 @@ Fixture &fixture() {
   return f;
 }
 
-std::vector<unsigned char> digest(size_t n) {
-  std::vector<unsigned char> d(n);
-  for (size_t i = 0; i < n; ++i) d[i] = static_cast<unsigned char>(i * 7 + 1);
-  return d;
-}
-
 void BM_Sm2SignBaseline(benchmark::State &state) {
   Fixture &f = fixture();
   if (!f.ok) return state.SkipWithError("no token");
-  std::vector<unsigned char> e = digest(32);
+  std::vector<unsigned char> e = patternBytes(32);
   for (auto _ : state) {
     ECCSIGNATUREBLOB blob;
     if (SKF_ECCSignData(f.hSm2, e.data(), 32, &blob) != SAR_OK)
@@ -96,20 +65,13 @@ void BM_Sm2SignBaseline(benchmark::State &state) {
 void BM_Sm2SignProvider(benchmark::State &state) {
   Fixture &f = fixture();
   if (!f.ok) return state.SkipWithError("no token");
-  std::vector<unsigned char> e = digest(32);
-  unsigned char sig[80];
-  for (auto _ : state) {
-    int len = sizeof sig;
-    if (DeviceSign(f.sm2, ORVEL_PKI_ALGORITHM_SM2_SIGN, nullptr, e.data(), 32, sig, len, &len) != 1)
-      return state.SkipWithError("DeviceSign failed");
-    benchmark::DoNotOptimize(sig);
-  }
+  signWithProvider(state, f.sm2, ORVEL_PKI_ALGORITHM_SM2_SIGN, 32, 80);
 }
 
 void BM_RsaSignBaseline(benchmark::State &state) {
   Fixture &f = fixture();
   if (!f.ok) return state.SkipWithError("no token");
-  std::vector<unsigned char> tbs = digest(51);
+  std::vector<unsigned char> tbs = patternBytes(51);
   unsigned char sig[256];
   for (auto _ : state) {
     ULONG len = sizeof sig;
@@ -122,15 +84,7 @@ void BM_RsaSignBaseline(benchmark::State &state) {
 void BM_RsaSignProvider(benchmark::State &state) {
   Fixture &f = fixture();
   if (!f.ok) return state.SkipWithError("no token");
-  std::vector<unsigned char> tbs = digest(51);
-  unsigned char sig[256];
-  for (auto _ : state) {
-    int len = sizeof sig;
-    if (DeviceSign(f.rsa, ORVEL_PKI_ALGORITHM_RSA_PKCS1_V1_5_SIGN, nullptr, tbs.data(), 51, sig,
-                   len, &len) != 1)
-      return state.SkipWithError("DeviceSign failed");
-    benchmark::DoNotOptimize(sig);
-  }
+  signWithProvider(state, f.rsa, ORVEL_PKI_ALGORITHM_RSA_PKCS1_V1_5_SIGN, 51, 256);
 }
 
 // Attribute getters touch no token: their cost is the trace line alone.

@@ -7,14 +7,10 @@
 //   bin/services_bench --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
-#include <stdlib.h>
 
-#include <random>
-#include <string>
 #include <vector>
 
-#include "include/tembra_key_prov.h"
-#include "softskf/provision/provision.h"
+#include "bench/bench_support.h"
 
 namespace {
 
@@ -35,16 +31,7 @@ struct Fixture {
 
   Fixture() {
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 31 + 7);
-    std::string store = std::string(getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") +
-                        "/tembra-services-bench-" + std::to_string(std::random_device{}());
-    setenv("TEMBRA_SOFTSKF_DIR", store.c_str(), 1);
-    setenv("TEMBRA_KEY_PROV_LOG_PATH", (store + ".log").c_str(), 0);
-    if (tembra::provision::provisionDevice(tembra::provision::demoDeviceSpec("BenchToken")) !=
-        SAR_OK)
-      return;
-    if (DeviceInit() != 1) return;
-    set = DeviceGetAllDevices();
-    device = DeviceGetDevice(set, 0);
+    device = tembra::bench::startOnDemoToken(tembra::bench::newStore("services"), set);
     ok = device != nullptr && sm3 != nullptr && sm4Cbc != nullptr;
   }
 };

@@ -11,32 +11,18 @@
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <time.h>
 
 #include <map>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "include/tembra_key_prov.h"
-#include "platform/skf.h"
-#include "softskf/provision/provision.h"
+#include "bench/bench_support.h"
 
 namespace {
 
-const char *kUserPin = "12345678";
-
-std::string newStore(const std::string &what) {
-  return std::string(getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") + "/tembra-bench-" + what + "-" +
-         std::to_string(std::random_device{}()) + "-" +
-         std::to_string(static_cast<long long>(time(nullptr)));
-}
-
-void useStore(const std::string &store) {
-  setenv("TEMBRA_SOFTSKF_DIR", store.c_str(), 1);
-}
+using tembra::bench::newStore;
+using tembra::bench::signWithProvider;
+using tembra::bench::useStore;
 
 // The demo token, the provider started on it and logged in.
 struct SignFixture {
@@ -47,30 +33,14 @@ struct SignFixture {
   bool ok = false;
 
   SignFixture() {
-    useStore(store);
-    setenv("TEMBRA_KEY_PROV_LOG_PATH", (store + ".log").c_str(), 0);
-    if (tembra::provision::provisionDevice(tembra::provision::demoDeviceSpec("BenchToken")) !=
-        SAR_OK)
-      return;
-    if (DeviceInit() != 1) return;
-    set = DeviceGetAllDevices();
-    SPI_DEVICE_HANDLE device = DeviceGetDevice(set, 0);
-    int tries = 0;
-    if (device == nullptr || DeviceVerifyPwd(device, 1, kUserPin, &tries) != 1) return;
-    ok = DeviceFindKeypair(device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, "SM2Container", &sm2) == 1 &&
-         DeviceFindKeypair(device, ORVEL_PKI_KEYPAIRTYPE_SIGNATURE, "RSAContainer", &rsa) == 1;
+    SPI_DEVICE_HANDLE device = tembra::bench::startOnDemoToken(store, set);
+    ok = tembra::bench::findDemoSigningKeys(device, sm2, rsa);
   }
 };
 
 SignFixture &signFixture() {
   static SignFixture f;
   return f;
-}
-
-std::vector<unsigned char> input(size_t n) {
-  std::vector<unsigned char> d(n);
-  for (size_t i = 0; i < n; ++i) d[i] = static_cast<unsigned char>(i * 7 + 1);
-  return d;
 }
 
 // One sign with a prepared key, as an application using OpenSSL does it.
@@ -87,7 +57,7 @@ bool evpSign(EVP_PKEY *key, bool rsa, const std::vector<unsigned char> &in, unsi
 void BM_Sm2SignOpenSsl(benchmark::State &state) {
   EVP_PKEY *key = EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2");
   if (key == nullptr) return state.SkipWithError("no SM2 key");
-  std::vector<unsigned char> e = input(32);
+  std::vector<unsigned char> e = tembra::bench::patternBytes(32);
   unsigned char sig[80];
   for (auto _ : state) {
     size_t len = sizeof sig;
@@ -101,20 +71,13 @@ void BM_Sm2SignProvider(benchmark::State &state) {
   SignFixture &f = signFixture();
   if (!f.ok) return state.SkipWithError("no token");
   useStore(f.store);
-  std::vector<unsigned char> e = input(32);
-  unsigned char sig[80];
-  for (auto _ : state) {
-    int len = sizeof sig;
-    if (DeviceSign(f.sm2, ORVEL_PKI_ALGORITHM_SM2_SIGN, nullptr, e.data(), 32, sig, len, &len) != 1)
-      return state.SkipWithError("DeviceSign failed");
-    benchmark::DoNotOptimize(sig);
-  }
+  signWithProvider(state, f.sm2, ORVEL_PKI_ALGORITHM_SM2_SIGN, 32, 80);
 }
 
 void BM_RsaSignOpenSsl(benchmark::State &state) {
   EVP_PKEY *key = EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<size_t>(2048));
   if (key == nullptr) return state.SkipWithError("no RSA key");
-  std::vector<unsigned char> tbs = input(51);
+  std::vector<unsigned char> tbs = tembra::bench::patternBytes(51);
   unsigned char sig[256];
   for (auto _ : state) {
     size_t len = sizeof sig;
@@ -128,15 +91,7 @@ void BM_RsaSignProvider(benchmark::State &state) {
   SignFixture &f = signFixture();
   if (!f.ok) return state.SkipWithError("no token");
   useStore(f.store);
-  std::vector<unsigned char> tbs = input(51);
-  unsigned char sig[256];
-  for (auto _ : state) {
-    int len = sizeof sig;
-    if (DeviceSign(f.rsa, ORVEL_PKI_ALGORITHM_RSA_PKCS1_V1_5_SIGN, nullptr, tbs.data(), 51, sig,
-                   len, &len) != 1)
-      return state.SkipWithError("DeviceSign failed");
-    benchmark::DoNotOptimize(sig);
-  }
+  signWithProvider(state, f.rsa, ORVEL_PKI_ALGORITHM_RSA_PKCS1_V1_5_SIGN, 51, 256);
 }
 
 // A store of 4 tokens with `containers` SM2 containers each, made once per

@@ -7,6 +7,7 @@
 // encoding and the copy run outside it. No record is modified.
 #include <string.h>
 
+#include "import/host_buffer.h"
 #include "import/keypair_container.h"
 #include "include/tembra_key_prov.h"
 #include "log/trace_log.h"
@@ -22,23 +23,6 @@ namespace {
 constexpr int kSm2SignatureBound = 80;
 constexpr int kSm2ScalarLength = 32;
 constexpr int kSm2ScalarOffset = 32;  // values stand right-aligned in 64-byte fields
-
-// A buffer the host library allocated, released with OrvelPKICryptoFreeMemory
-// on every path.
-class HostBuffer {
- public:
-  HostBuffer() = default;
-  ~HostBuffer() {
-    if (m_data != nullptr) OrvelPKICryptoFreeMemory(m_data);
-  }
-  HostBuffer(const HostBuffer &) = delete;
-  HostBuffer &operator=(const HostBuffer &) = delete;
-  unsigned char **out() { return &m_data; }
-  const unsigned char *data() const { return m_data; }
-
- private:
-  unsigned char *m_data = nullptr;
-};
 
 int signRsa(const Keypair *keypair, int algo, const unsigned char *tbs, int tbslen,
             unsigned char *sign, int signlen, int *pretsignlen) {
@@ -108,11 +92,11 @@ int signSm2(const Keypair *keypair, int algo, const unsigned char *tbs, int tbsl
     return 0;
   }
 
-  HostBuffer encoded;
-  int encodedLen = 0;
+  HostMemory encoded;
   const int erv = OrvelPKICryptoEncodeECCSignature(blob.r + kSm2ScalarOffset, kSm2ScalarLength,
                                                    blob.s + kSm2ScalarOffset, kSm2ScalarLength,
-                                                   encoded.out(), &encodedLen);
+                                                   encoded.out(), encoded.outLen());
+  const int encodedLen = encoded.len();
   if (erv != 1 || encoded.data() == nullptr || encodedLen < 0) {
     LOG_ERROR_AS("DeviceSign", "OrvelPKICryptoEncodeECCSignature fail, error = %d", erv);
     return 0;

@@ -49,6 +49,23 @@ int isDataFileExist(const Device *hDevice, const char *fileName) {
   return 0;
 }
 
+// The size of the existing data object, g_lock held. When the token cannot
+// tell it, the lock is left, the failure logged under the entry point's name
+// and false returned.
+bool dataFileSize(ProviderLock &lock, const char *function, const Device *hDevice, LPSTR name,
+                  int &size) {
+  FILEATTRIBUTE attr;
+  memset(&attr, 0, sizeof(attr));
+  ULONG rv = SKF_GetFileInfo(hDevice->m_hApp, name, &attr);
+  if (rv != SAR_OK) {
+    lock.release();
+    LOG_ERROR_AS(function, "SKF_GetFileInfo fail, error = 0x%08x", static_cast<unsigned>(rv));
+    return false;
+  }
+  size = static_cast<int>(attr.FileSize);
+  return true;
+}
+
 // The read and write rights of the mode block. Byte 0 counts the
 // meaningful bytes (2, 3 or 4); byte 1 holds the rights of anyone, byte 2
 // those of the user. The administrator's rights are read from byte 2 as well
@@ -129,15 +146,8 @@ TEMBRA_API int DeviceReadDataEx(SPI_DEVICE_HANDLE hDevice, int dataId, int offse
   {
     ProviderLock lock;
     if (!isDataFileExist(hDevice, name.get())) return ORVEL_PKI_NOTEXISTS;
-    FILEATTRIBUTE attr;
-    memset(&attr, 0, sizeof(attr));
-    rv = SKF_GetFileInfo(hDevice->m_hApp, name.get(), &attr);
-    if (rv != SAR_OK) {
-      lock.release();
-      LOG_ERROR("SKF_GetFileInfo fail, error = 0x%08x", static_cast<unsigned>(rv));
-      return ORVEL_PKI_FAIL;
-    }
-    const int fileSize = static_cast<int>(attr.FileSize);
+    int fileSize = 0;
+    if (!dataFileSize(lock, __func__, hDevice, name.get(), fileSize)) return ORVEL_PKI_FAIL;
     if (offset > fileSize) {
       lock.release();
       LOG_ERROR("offset > (int)attr.FileSize");
@@ -187,15 +197,9 @@ TEMBRA_API int DeviceWriteDataEx(SPI_DEVICE_HANDLE hDevice, int dataId, int offs
   {
     ProviderLock lock;
     if (!isDataFileExist(hDevice, name.get())) return ORVEL_PKI_NOTEXISTS;
-    FILEATTRIBUTE attr;
-    memset(&attr, 0, sizeof(attr));
-    rv = SKF_GetFileInfo(hDevice->m_hApp, name.get(), &attr);
-    if (rv != SAR_OK) {
-      lock.release();
-      LOG_ERROR("SKF_GetFileInfo fail, error = 0x%08x", static_cast<unsigned>(rv));
-      return ORVEL_PKI_FAIL;
-    }
-    if (static_cast<int64_t>(offset) + datalen > static_cast<int>(attr.FileSize)) {
+    int fileSize = 0;
+    if (!dataFileSize(lock, __func__, hDevice, name.get(), fileSize)) return ORVEL_PKI_FAIL;
+    if (static_cast<int64_t>(offset) + datalen > fileSize) {
       lock.release();
       LOG_ERROR("offset + datalen > (int)attr.FileSize");
       return ORVEL_PKI_BADARGUMENT;

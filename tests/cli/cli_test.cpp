@@ -5,7 +5,6 @@
 #include <stdio.h>
 
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -14,6 +13,7 @@
 
 #include "cli/commands.h"
 #include "softskf/include/softskf.h"
+#include "tests/cli/cli_run.h"
 #include "tests/support/provider_test_support.h"
 
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
@@ -27,18 +27,8 @@
 namespace tembra {
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-Outcome tembra(const std::vector<std::string> &words) {
-  std::ostringstream out;
-  std::ostringstream err;
-  const int status = cli::tembraMain(words, out, err);
-  return {status, out.str(), err.str()};
-}
+using test::Outcome;
+using test::tembra;
 
 size_t lineCount(const std::string &text) {
   size_t lines = 0;
@@ -140,7 +130,7 @@ TEST(Help, GoesToStandardOutputWithStatusZero) {
 
 // A fresh store with one token: "S" an SM2 container, "R" an RSA-1024 one,
 // user PIN 11112222 given through the environment.
-class TembraOnToken : public ::testing::Test {
+class TembraOnToken : public test::CliStoreTest {
  protected:
   void SetUp() override {
     test::setEnv("TEMBRA_TEST_USER_PIN", "11112222");
@@ -151,20 +141,6 @@ class TembraOnToken : public ::testing::Test {
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.err, "tembra: note: default PIN 12345678 in use for the administrator\n");
   }
-
-  std::string path(const std::string &name) const { return m_store.path() + "/" + name; }
-
-  void writeText(const std::string &name, const std::string &text) const {
-    std::ofstream(path(name), std::ios::binary) << text;
-  }
-
-  std::vector<uint8_t> readBytes(const std::string &name) const {
-    std::ifstream in(path(name), std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in),
-                                std::istreambuf_iterator<char>());
-  }
-
-  test::TokenStore m_store;
 };
 
 TEST_F(TembraOnToken, ListsTheKeyPairsAsJson) {

@@ -6,34 +6,22 @@
 #include <openssl/x509.h>
 
 #include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "cli/commands.h"
 #include "crypto/sm2_z.h"
+#include "tests/cli/cli_run.h"
 #include "tests/support/provider_test_support.h"
 
 namespace tembra {
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out;
-  std::string err;
-};
+using test::Outcome;
+using test::tembra;
 
-Outcome tembra(const std::vector<std::string> &words) {
-  std::ostringstream out;
-  std::ostringstream err;
-  const int status = cli::tembraMain(words, out, err);
-  return {status, out.str(), err.str()};
-}
-
-class KeygenCliBase : public ::testing::Test {
+class KeygenCliBase : public test::CliStoreTest {
  protected:
   void SetUp() override {
     test::setEnv("TEMBRA_TEST_USER_PIN", "11112222");
@@ -42,16 +30,6 @@ class KeygenCliBase : public ::testing::Test {
                           "--user-pin-env", "TEMBRA_TEST_USER_PIN", "--default-pins"});
     ASSERT_EQ(run.status, 0) << run.err;
   }
-
-  std::string path(const std::string &name) const { return m_store.path() + "/" + name; }
-
-  std::vector<uint8_t> readBytes(const std::string &name) const {
-    std::ifstream in(path(name), std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in),
-                                std::istreambuf_iterator<char>());
-  }
-
-  test::TokenStore m_store;
 };
 
 class KeygenCli : public KeygenCliBase, public ::testing::WithParamInterface<const char *> {};

@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "cli/commands.h"
+#include "tests/cli/cli_run.h"
 #include "tests/support/provider_test_support.h"
 
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
@@ -18,37 +16,18 @@
 namespace tembra {
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out;
-  std::string err;
-};
+using test::Outcome;
+using test::tembra;
 
-Outcome tembra(const std::vector<std::string> &words) {
-  std::ostringstream out;
-  std::ostringstream err;
-  const int status = cli::tembraMain(words, out, err);
-  return {status, out.str(), err.str()};
-}
-
-class ServicesCli : public ::testing::Test {
+class ServicesCli : public test::CliStoreTest {
  protected:
   void SetUp() override {
     test::setEnv("TEMBRA_TEST_USER_PIN", "11112222");
     ASSERT_EQ(0, tembra({"token", "create", "tok", "--user-pin-env", "TEMBRA_TEST_USER_PIN",
                          "--default-pins"})
                      .status);
-    write("key", std::string("0123456789abcdef0123456789ABCDEF\n"));
+    writeText("key", std::string("0123456789abcdef0123456789ABCDEF\n"));
   }
-  std::string path(const std::string &name) const { return m_store.path() + "/" + name; }
-  void write(const std::string &name, const std::string &bytes) const {
-    std::ofstream(path(name), std::ios::binary) << bytes;
-  }
-  std::string read(const std::string &name) const {
-    std::ifstream in(path(name), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-  test::TokenStore m_store;
 };
 
 std::string sample(size_t n) {
@@ -70,7 +49,7 @@ TEST_F(ServicesCli, CipherRoundTripsAndEqualsOpenSsl) {
   for (const Case &c :
        {Case{"sm4-cbc", 4096, false}, Case{"sm4-ecb", 1000, true}, Case{"sm4-cbc", 32, true}}) {
     SCOPED_TRACE(std::string(c.alg) + " " + std::to_string(c.length));
-    write("plain", sample(c.length));
+    writeText("plain", sample(c.length));
     std::vector<std::string> common = {"--alg", c.alg, "--key-file", path("key")};
     if (std::string(c.alg) == "sm4-cbc") common.insert(common.end(), {"--iv", iv});
     if (c.pad) common.push_back("--pad");
@@ -81,9 +60,9 @@ TEST_F(ServicesCli, CipherRoundTripsAndEqualsOpenSsl) {
     ASSERT_EQ(0, tembra(enc).status);
     Outcome run = tembra(dec);
     ASSERT_EQ(0, run.status) << run.err;
-    EXPECT_EQ(read("plain"), run.out);
+    EXPECT_EQ(readText("plain"), run.out);
     EXPECT_NE(run.err.find("output:    standard output\n"), std::string::npos) << run.err;
-    EXPECT_EQ((c.length / 16 + (c.pad ? 1 : 0)) * 16, read("c").size());
+    EXPECT_EQ((c.length / 16 + (c.pad ? 1 : 0)) * 16, readText("c").size());
     if (c.pad) {
       // Decrypted without --pad, the tail shows the PKCS #7 bytes the tool added.
       dec.pop_back();
@@ -98,7 +77,7 @@ TEST_F(ServicesCli, CipherRoundTripsAndEqualsOpenSsl) {
 // Without --pad a length that is not a multiple of 16 is refused with one
 // clear line, and no output file is left behind.
 TEST_F(ServicesCli, UnalignedInputIsRefusedClearly) {
-  write("plain", sample(1000));
+  writeText("plain", sample(1000));
   Outcome run = tembra({"cipher", "encrypt", "--alg", "sm4-ecb", "--key-file", path("key"), "-i",
                         path("plain"), "-o", path("c")});
   EXPECT_EQ(1, run.status);
@@ -110,13 +89,13 @@ TEST_F(ServicesCli, UnalignedInputIsRefusedClearly) {
 }
 
 TEST_F(ServicesCli, HashRandomAndMechanisms) {
-  write("data", sample(3000));
+  writeText("data", sample(3000));
   Outcome hash = tembra({"hash", "-i", path("data"), "--json"});
   ASSERT_EQ(0, hash.status) << hash.err;
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
   unsigned char digest[32];
   unsigned int len = 0;
-  const std::string data = read("data");
+  const std::string data = readText("data");
   EVP_Digest(data.data(), data.size(), digest, &len, EVP_sm3(), nullptr);
   std::string hex;
   char two[3];

@@ -1,0 +1,39 @@
+// `tembra` run in-process through tembraMain, and a fresh software token store
+// whose directory also holds the files a command reads and writes.
+#ifndef TEMBRA_TESTS_CLI_CLI_RUN_H
+#define TEMBRA_TESTS_CLI_CLI_RUN_H
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/provider_test_support.h"
+
+namespace tembra {
+namespace test {
+
+struct Outcome {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+Outcome tembra(const std::vector<std::string> &words);
+
+class CliStoreTest : public ::testing::Test {
+ protected:
+  std::string path(const std::string &name) const { return m_store.path() + "/" + name; }
+  void writeText(const std::string &name, const std::string &text) const;
+  std::string readText(const std::string &name) const;
+  std::vector<uint8_t> readBytes(const std::string &name) const;
+
+  TokenStore m_store;
+};
+
+}  // namespace test
+}  // namespace tembra
+
+#endif  // TEMBRA_TESTS_CLI_CLI_RUN_H
