@@ -52,7 +52,7 @@ ULONG finish(KeyObject &mac, BYTE *out, ULONG *outLen) {
   const size_t held = mac.pending.size();
   if (mac.padding) {
     uint8_t block[kBlock];
-    memcpy(block, mac.pending.data(), held);
+    if (held != 0) memcpy(block, mac.pending.data(), held);
     memset(block + held, static_cast<int>(kBlock - held), kBlock - held);
     if (!crypto::sm4Cbc(true, mac.key.data(), mac.iv, block, kBlock, value)) return SAR_FAIL;
   } else if (held != 0) {

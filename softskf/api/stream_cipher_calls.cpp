@@ -71,7 +71,7 @@ ULONG finish(Call &call, HANDLE hKey, CipherState expected, BYTE *out, ULONG *ou
     if (held != 0) return SAR_INDATALENERR;
   } else if (encrypt) {
     uint8_t block[kBlock];
-    memcpy(block, key->pending.data(), held);
+    if (held != 0) memcpy(block, key->pending.data(), held);
     memset(block + held, static_cast<int>(kBlock - held), kBlock - held);
     result.resize(kBlock);
     uint8_t iv[kBlock];

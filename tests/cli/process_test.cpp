@@ -318,6 +318,12 @@ TEST_F(TembraProcess, NewPinsAreAskedTwiceWithoutEcho) {
 // whole read of the 48 MiB would take more than twice the bound), with a
 // progress bar on a terminal.
 TEST_F(TembraProcess, LargeInputTakesBoundedMemory) {
+#if defined(__SANITIZE_ADDRESS__)
+  // AddressSanitizer holds freed memory back in quarantine: no bound holds.
+  const bool memoryBounded = false;
+#else
+  const bool memoryBounded = true;
+#endif
   const std::string big = path("big");
   const off_t size = off_t(48) << 20;
   const int fd = ::open(big.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
@@ -327,7 +333,9 @@ TEST_F(TembraProcess, LargeInputTakesBoundedMemory) {
   Result sign =
       tembra({"sign", "--label", "S", "-i", big, "-o", path("big.sig"), "--pin-file", path("pin")});
   ASSERT_EQ(sign.status, 0) << sign.err;
-  EXPECT_LT(sign.maxRssKiB, 24 * 1024) << "KiB";
+  if (memoryBounded) {
+    EXPECT_LT(sign.maxRssKiB, 24 * 1024) << "KiB";
+  }
   // On a terminal a progress bar shows while the input is read.
   Child verify;
   verify.words = {"verify", "--label", "S", "-i", big, "-s", path("big.sig")};
@@ -335,7 +343,9 @@ TEST_F(TembraProcess, LargeInputTakesBoundedMemory) {
   verify.in = Stream::Terminal;
   Result verified = run(verify);
   EXPECT_EQ(verified.status, 0) << verified.terminal;
-  EXPECT_LT(verified.maxRssKiB, 24 * 1024) << "KiB";
+  if (memoryBounded) {
+    EXPECT_LT(verified.maxRssKiB, 24 * 1024) << "KiB";
+  }
   EXPECT_NE(verified.terminal.find("hashing ["), std::string::npos);
   EXPECT_NE(verified.terminal.find("] 100% of 48.0 MiB"), std::string::npos);
 }

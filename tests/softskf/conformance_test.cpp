@@ -67,7 +67,7 @@ Bytes pattern(size_t n, unsigned char seed) {
 BLOCKCIPHERPARAM param(const Bytes &iv, ULONG padding) {
   BLOCKCIPHERPARAM p;
   memset(&p, 0, sizeof p);
-  memcpy(p.IV, iv.data(), iv.size());
+  if (!iv.empty()) memcpy(p.IV, iv.data(), iv.size());
   p.IVLen = static_cast<ULONG>(iv.size());
   p.PaddingType = padding;
   return p;
