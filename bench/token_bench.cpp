@@ -103,10 +103,10 @@ const std::string &discoveryStore(int containers) {
   std::string store = newStore("discovery" + std::to_string(containers));
   useStore(store);
   for (int t = 0; t < 4; ++t) {
-    tembra::provision::DeviceSpec spec;
-    spec.name = "Token" + std::to_string(t);
-    spec.label = spec.name;
-    spec.serial = "S" + std::to_string(t);
+    tembra::provision::DeviceSpec layout;
+    layout.name = "Token" + std::to_string(t);
+    layout.label = layout.name;
+    layout.serial = "S" + std::to_string(t);
     tembra::provision::ApplicationSpec app;
     app.name = "TembraApp";
     for (int c = 0; c < containers; ++c) {
@@ -114,8 +114,8 @@ const std::string &discoveryStore(int containers) {
       container.name = "C" + std::to_string(c);
       app.containers.push_back(container);
     }
-    spec.applications.push_back(app);
-    if (tembra::provision::provisionDevice(spec) != SAR_OK) store.clear();
+    layout.applications.push_back(app);
+    if (tembra::provision::provisionDevice(layout) != SAR_OK) store.clear();
   }
   return stores[containers] = store;
 }

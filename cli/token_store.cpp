@@ -82,21 +82,7 @@ std::string openProblem(const std::string &name) {
 }  // namespace
 
 std::string tokenStoreDirectory() {
-  std::string dir = fs::environment("TEMBRA_SOFTSKF_DIR");
-  if (!dir.empty()) return dir;
-#ifdef _WIN32
-  std::string base = fs::environment("LOCALAPPDATA");
-  if (base.empty()) base = fs::environment("APPDATA");
-  return fs::join(fs::join(base, "tembra"), "softskf");
-#else
-  std::string base = fs::environment("XDG_DATA_HOME");
-  if (base.empty()) {
-    std::string home = fs::environment("HOME");
-    if (home.empty()) home = "/tmp";
-    base = fs::join(fs::join(home, ".local"), "share");
-  }
-  return fs::join(fs::join(base, "tembra"), "softskf");
-#endif
+  return softskf::fs::storeDirectory();
 }
 
 void checkTokenStore(const std::string &directory) {

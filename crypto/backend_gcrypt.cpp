@@ -663,12 +663,6 @@ bool PreparedSm2Key::decrypt(const uint8_t *cipher, size_t len, SecureBytes &mes
   return sm2DecryptWith(m_state->d.get(), cipher, len, message);
 }
 
-bool sm2Sign(const uint8_t d[kSm2ScalarSize], const uint8_t e[kSm3DigestSize],
-             uint8_t r[kSm2ScalarSize], uint8_t s[kSm2ScalarSize]) {
-  std::unique_ptr<PreparedSm2Key> key = PreparedSm2Key::create(d);
-  return key && key->sign(e, r, s);
-}
-
 bool sm2Verify(const Sm2PublicKey &publicKey, const uint8_t e[kSm3DigestSize],
                const uint8_t r[kSm2ScalarSize], const uint8_t s[kSm2ScalarSize]) {
   Sm2Curve curve;
@@ -727,12 +721,6 @@ bool sm2Encrypt(const Sm2PublicKey &publicKey, const uint8_t *message, size_t le
   return false;
 }
 
-bool sm2Decrypt(const uint8_t d[kSm2ScalarSize], const uint8_t *cipher, size_t len,
-                SecureBytes &message) {
-  std::unique_ptr<PreparedSm2Key> key = PreparedSm2Key::create(d);
-  return key && key->decrypt(cipher, len, message);
-}
-
 // The shared point of SM2 key exchange; x' = 2^127 + (x mod 2^127).
 bool sm2AgreementPoint(const uint8_t d[kSm2ScalarSize], const uint8_t r[kSm2ScalarSize],
                        const Sm2PublicKey &ownTemporary, const Sm2PublicKey &peer,
@@ -781,11 +769,11 @@ Mpi keyNumber(gcry_sexp_t privateKey, const char *name) {
 // primes swapped.
 bool rsaGenerate(int bits, RsaPrivateKey &key) {
   if ((bits != 1024 && bits != 2048) || !libraryReady()) return false;
-  const char *spec = bits == 1024
+  const char *keyRequest = bits == 1024
                          ? "(genkey(rsa(nbits 4:1024)(rsa-use-e 5:65537)(flags transient-key)))"
                          : "(genkey(rsa(nbits 4:2048)(rsa-use-e 5:65537)(flags transient-key)))";
   gcry_sexp_t raw = nullptr;
-  if (gcry_sexp_new(&raw, spec, 0, 1) != 0) return false;
+  if (gcry_sexp_new(&raw, keyRequest, 0, 1) != 0) return false;
   Sexp parameters(raw);
   raw = nullptr;
   if (gcry_pk_genkey(&raw, parameters.get()) != 0) return false;
@@ -867,12 +855,6 @@ bool PreparedRsaKey::decryptPkcs1(const uint8_t *cipher, size_t len, SecureBytes
   return true;
 }
 
-bool rsaSignPkcs1(const RsaPrivateKey &key, const uint8_t *data, size_t len,
-                  std::vector<uint8_t> &signature) {
-  std::unique_ptr<PreparedRsaKey> prepared = PreparedRsaKey::create(key);
-  return prepared && prepared->signPkcs1(data, len, signature);
-}
-
 bool rsaVerifyPkcs1(const RsaPublicKey &key, const uint8_t *data, size_t len,
                     const uint8_t *signature, size_t signatureLen) {
   if ((data == nullptr && len > 0) || signature == nullptr) return false;
@@ -908,12 +890,6 @@ bool rsaEncryptPkcs1(const RsaPublicKey &key, const uint8_t *data, size_t len,
   }
   cipher = std::move(block);
   return true;
-}
-
-bool rsaDecryptPkcs1(const RsaPrivateKey &key, const uint8_t *cipher, size_t len,
-                     SecureBytes &message) {
-  std::unique_ptr<PreparedRsaKey> prepared = PreparedRsaKey::create(key);
-  return prepared && prepared->decryptPkcs1(cipher, len, message);
 }
 
 // Raw RSA: the public or private operation on a block of the modulus length.

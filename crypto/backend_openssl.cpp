@@ -559,12 +559,6 @@ bool PreparedSm2Key::decrypt(const uint8_t *cipher, size_t len, SecureBytes &mes
   return true;
 }
 
-bool sm2Sign(const uint8_t d[kSm2ScalarSize], const uint8_t e[kSm3DigestSize],
-             uint8_t r[kSm2ScalarSize], uint8_t s[kSm2ScalarSize]) {
-  std::unique_ptr<PreparedSm2Key> key = PreparedSm2Key::create(d);
-  return key && key->sign(e, r, s);
-}
-
 bool sm2Verify(const Sm2PublicKey &publicKey, const uint8_t e[kSm3DigestSize],
                const uint8_t r[kSm2ScalarSize], const uint8_t s[kSm2ScalarSize]) {
   if (e == nullptr || r == nullptr || s == nullptr) return false;
@@ -596,12 +590,6 @@ bool sm2Encrypt(const Sm2PublicKey &publicKey, const uint8_t *message, size_t le
   }
   cipher = std::move(flat);
   return true;
-}
-
-bool sm2Decrypt(const uint8_t d[kSm2ScalarSize], const uint8_t *cipher, size_t len,
-                SecureBytes &message) {
-  std::unique_ptr<PreparedSm2Key> key = PreparedSm2Key::create(d);
-  return key && key->decrypt(cipher, len, message);
 }
 
 // ---- RSA ----------------------------------------------------------------------
@@ -736,12 +724,6 @@ bool PreparedRsaKey::decryptPkcs1(const uint8_t *cipher, size_t len, SecureBytes
   return true;
 }
 
-bool rsaSignPkcs1(const RsaPrivateKey &key, const uint8_t *data, size_t len,
-                  std::vector<uint8_t> &signature) {
-  std::unique_ptr<PreparedRsaKey> prepared = PreparedRsaKey::create(key);
-  return prepared && prepared->signPkcs1(data, len, signature);
-}
-
 bool rsaVerifyPkcs1(const RsaPublicKey &key, const uint8_t *data, size_t len,
                     const uint8_t *signature, size_t signatureLen) {
   if ((data == nullptr && len > 0) || signature == nullptr) return false;
@@ -775,12 +757,6 @@ bool rsaEncryptPkcs1(const RsaPublicKey &key, const uint8_t *data, size_t len,
   out.resize(outLen);
   cipher = std::move(out);
   return true;
-}
-
-bool rsaDecryptPkcs1(const RsaPrivateKey &key, const uint8_t *cipher, size_t len,
-                     SecureBytes &message) {
-  std::unique_ptr<PreparedRsaKey> prepared = PreparedRsaKey::create(key);
-  return prepared && prepared->decryptPkcs1(cipher, len, message);
 }
 
 namespace {

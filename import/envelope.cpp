@@ -30,13 +30,6 @@ constexpr int kBlobMargin = 900;
 constexpr int kMinKeyPairBlobLen = 17;
 constexpr int kMinRsaKeyPairBlobLen = 20;
 
-// A secret of fixed size on the stack, wiped on every path out.
-template <int N>
-struct WipedBytes {
-  unsigned char bytes[N] = {};
-  ~WipedBytes() { tembra::secureZero(bytes, N); }
-};
-
 // A zeroed malloc'ed buffer, freed on every path unless release() hands it
 // over.
 class OutputBlob {
@@ -149,14 +142,14 @@ int envelopeSm2(const Keypair *hSignKeypair, HCONTAINER hContainer, const unsign
     return 0;
   }
 
-  WipedBytes<kSymmetricKeyLen> key;
+  tembra::WipedBuffer<kSymmetricKeyLen> key;
   int hostAlgorithm = 0;
   ULONG skfAlgorithm = 0;
   if (!drawSymmetricKey(hSignKeypair->m_device, &hostAlgorithm, &skfAlgorithm, key.bytes)) return 0;
 
   // d alone, or (with the setting on) 00 01 00 00 | d | twelve 0x0C: the
   // padding is ours, the token adds none.
-  WipedBytes<kSm2PaddedPlainLen> plain;
+  tembra::WipedBuffer<kSm2PaddedPlainLen> plain;
   int plainLen = kSm2PlainLen;
   if (g_supportGDKMSM2Import != 0) {
     const uint32_t bits = 256;
@@ -222,7 +215,7 @@ int envelopeRsa(const Keypair *hSignKeypair, HCONTAINER hContainer, const unsign
   const uint32_t modulusLen = readBigEndian32(&keyblob[16]);
   if (modulusLen != 128 && modulusLen != 256) return 0;
 
-  WipedBytes<kSymmetricKeyLen> key;
+  tembra::WipedBuffer<kSymmetricKeyLen> key;
   int hostAlgorithm = 0;
   ULONG skfAlgorithm = 0;
   OutputBlob encrypted(0);

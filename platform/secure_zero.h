@@ -21,6 +21,16 @@ inline void secureZero(void *p, size_t len) {
 #endif
 }
 
+// A stack buffer of N bytes, zero at first and wiped on every path out.
+template <size_t N>
+struct WipedBuffer {
+  unsigned char bytes[N] = {};
+  WipedBuffer() = default;
+  WipedBuffer(const WipedBuffer &) = delete;
+  WipedBuffer &operator=(const WipedBuffer &) = delete;
+  ~WipedBuffer() { secureZero(bytes, N); }
+};
+
 }  // namespace tembra
 
 #endif  // TEMBRA_PLATFORM_SECURE_ZERO_H

@@ -14,16 +14,6 @@ constexpr size_t kAuthKeyLength = 16;
 constexpr size_t kAuthBlockLength = 16;
 constexpr ULONG kChallengeLength = 8;
 
-// A stack buffer that is wiped when it goes out of scope.
-template <size_t N>
-struct WipedBuffer {
-  unsigned char bytes[N] = {};
-  WipedBuffer() = default;
-  WipedBuffer(const WipedBuffer &) = delete;
-  WipedBuffer &operator=(const WipedBuffer &) = delete;
-  ~WipedBuffer() { tembra::secureZero(bytes, N); }
-};
-
 // The value of one character of the super password, or -1. Letters count
 // from their own 'A' or 'a', so 'A'-'F' are 0-5 and 'Z' is 25.
 int superPwdCharValue(char c) {
@@ -42,7 +32,7 @@ int VerifySuperPwd(struct Device *device, const char *pwd, int *pretrynum) {
     return 0;
   }
 
-  WipedBuffer<kAuthKeyLength> key;
+  tembra::WipedBuffer<kAuthKeyLength> key;
   for (size_t i = 0; i < kAuthKeyLength; ++i) {
     const int high = superPwdCharValue(pwd[2 * i]);
     const int low = superPwdCharValue(pwd[2 * i + 1]);
@@ -57,8 +47,8 @@ int VerifySuperPwd(struct Device *device, const char *pwd, int *pretrynum) {
 }
 
 int ExternalAuth(struct Device *device, const unsigned char key[16]) {
-  WipedBuffer<kAuthBlockLength> challenge;  // 8 random bytes, then 8 zero bytes
-  WipedBuffer<kAuthBlockLength> cipher;
+  tembra::WipedBuffer<kAuthBlockLength> challenge;  // 8 random bytes, then 8 zero bytes
+  tembra::WipedBuffer<kAuthBlockLength> cipher;
 
   ULONG rv = SKF_GenRandom(device->m_hDev, challenge.bytes, kChallengeLength);
   if (rv != SAR_OK) {

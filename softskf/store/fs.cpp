@@ -610,6 +610,24 @@ void FileLock::close() {
 
 #endif
 
+std::string storeDirectory() {
+  std::string dir = environment("TEMBRA_SOFTSKF_DIR");
+  if (!dir.empty()) return dir;
+#ifdef _WIN32
+  std::string base = environment("LOCALAPPDATA");
+  if (base.empty()) base = environment("APPDATA");
+  return join(join(base, "tembra"), "softskf");
+#else
+  std::string base = environment("XDG_DATA_HOME");
+  if (base.empty()) {
+    std::string home = environment("HOME");
+    if (home.empty()) home = "/tmp";
+    base = join(join(home, ".local"), "share");
+  }
+  return join(join(base, "tembra"), "softskf");
+#endif
+}
+
 }  // namespace fs
 }  // namespace softskf
 }  // namespace tembra

@@ -62,6 +62,10 @@ bool exists(const std::string &path);
 std::vector<std::string> listDirectory(const std::string &path);
 std::string join(const std::string &dir, const std::string &name);
 
+// The store directory: $TEMBRA_SOFTSKF_DIR, else the per-user data
+// directory.
+std::string storeDirectory();
+
 // An environment variable as UTF-8; empty when unset.
 std::string environment(const char *name);
 void sleepMilliseconds(unsigned ms);

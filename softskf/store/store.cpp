@@ -224,24 +224,6 @@ ULONG beginWrite(StoreLock &lock, const DeviceLocation &device) {
 
 }  // namespace
 
-std::string currentStoreDirectory() {
-  std::string dir = fs::environment("TEMBRA_SOFTSKF_DIR");
-  if (!dir.empty()) return dir;
-#ifdef _WIN32
-  std::string base = fs::environment("LOCALAPPDATA");
-  if (base.empty()) base = fs::environment("APPDATA");
-  return fs::join(fs::join(base, "tembra"), "softskf");
-#else
-  std::string base = fs::environment("XDG_DATA_HOME");
-  if (base.empty()) {
-    std::string home = fs::environment("HOME");
-    if (home.empty()) home = "/tmp";
-    base = fs::join(fs::join(home, ".local"), "share");
-  }
-  return fs::join(fs::join(base, "tembra"), "softskf");
-#endif
-}
-
 std::string encodeName(const std::string &name) {
   static const char digits[] = "0123456789ABCDEF";
   std::string out;

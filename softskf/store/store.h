@@ -29,7 +29,9 @@ namespace tembra {
 namespace softskf {
 
 // $TEMBRA_SOFTSKF_DIR, else the per-user data directory.
-std::string currentStoreDirectory();
+inline std::string currentStoreDirectory() {
+  return fs::storeDirectory();
+}
 
 // Bytes outside [A-Za-z0-9._-] (and a leading '.') become %XX.
 std::string encodeName(const std::string &name);
