@@ -5,18 +5,13 @@
 
 #include <iostream>
 
-#if defined(_WIN32)
-#include <io.h>
-#else
-#include <unistd.h>
-#endif
-
 #include "cli/commands.h"
 #include "cli/csr.h"
 #include "cli/files.h"
 #include "cli/pin_input.h"
 #include "cli/session.h"
 #include "cli/signing.h"
+#include "cli/terminal.h"
 #include "crypto/backend.h"
 #include "crypto/key_formats.h"
 
@@ -35,14 +30,6 @@ SecretText userPin(CommandContext &context) {
   std::string error;
   if (!readPin(context.args, "", "User PIN", context.err, pin, &error)) throw UsageError(error);
   return pin;
-}
-
-bool stdinIsTerminal() {
-#if defined(_WIN32)
-  return _isatty(_fileno(stdin)) != 0;
-#else
-  return isatty(STDIN_FILENO) != 0;
-#endif
 }
 
 // "sm3:<hex>" of an SM2 key's SubjectPublicKeyInfo, "sha256:<hex>" of an
