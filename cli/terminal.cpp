@@ -4,25 +4,43 @@
 
 #ifdef _WIN32
 #include <io.h>
-#define TEMBRA_ISATTY(fd) (_isatty(fd) != 0)
+
+#include "platform/win_types.h"
 #else
 #include <unistd.h>
-#define TEMBRA_ISATTY(fd) (isatty(fd) != 0)
 #endif
 
 namespace tembra {
 namespace cli {
 
+namespace {
+
+bool isTerminal(int fd) {
+#ifdef _WIN32
+  // _isatty answers yes for any character device, the NUL device included,
+  // so `tembra ... <NUL` would wait for a PIN nobody types. Only a console
+  // counts.
+  const intptr_t handle = _get_osfhandle(fd);
+  if (handle == -1) return false;
+  DWORD mode = 0;
+  return GetConsoleMode(reinterpret_cast<HANDLE>(handle), &mode) != 0;
+#else
+  return isatty(fd) != 0;
+#endif
+}
+
+}  // namespace
+
 bool stdinIsTerminal() {
-  return TEMBRA_ISATTY(0);
+  return isTerminal(0);
 }
 
 bool stdoutIsTerminal() {
-  return TEMBRA_ISATTY(1);
+  return isTerminal(1);
 }
 
 bool stderrIsTerminal() {
-  return TEMBRA_ISATTY(2);
+  return isTerminal(2);
 }
 
 namespace {

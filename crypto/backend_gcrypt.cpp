@@ -83,8 +83,15 @@ int neverSecure(const void *) {
 // (it needs mlock, which Wine and containers may refuse); libgcrypt still
 // wipes every number it frees. If the host already initialised libgcrypt,
 // its settings stand.
+//
+// The random generator asked for is the DRBG: the default one gathers a
+// little system state on every digest, cipher and random call, and on
+// Windows that is some twenty kernel and window-system queries each time.
+// The DRBG takes its seed from the same system sources and then runs on its
+// own. The request only counts before libgcrypt is first used.
 bool libraryReady() {
   static const bool ready = [] {
+    gcry_control(GCRYCTL_SET_PREFERRED_RNG_TYPE, GCRY_RNG_TYPE_FIPS);
     if (gcry_check_version(GCRYPT_VERSION) == nullptr) return false;
     if (gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P)) return true;
     // Nothing libgcrypt has allocated so far is ever freed (its constants),
