@@ -49,6 +49,7 @@ if [ $sanitizers = yes ]; then
     "trace_log_test:*Thread*"
     "hostcrypto_test:*Threads*"
     "softskf_diagnostics_test:*Concurrent*"
+    "crypto_conformance_test:PreparedKeys.*"
   )
   echo "== Linux build of the threaded tests with ThreadSanitizer"
   cmake --preset tsan -DTEMBRA_WERROR=ON "${launcher[@]}" >/dev/null
