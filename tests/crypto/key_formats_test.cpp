@@ -169,32 +169,14 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Sm2SignatureDer, RefusesMalformedSignatures) {
   const std::string r = kLow;
   const std::vector<std::pair<const char *, std::string>> cases = {
-      {"Trailing",
-       "3025020101"
-       "0220" +
-           r + "00"},
-      {"SequenceTooShort",
-       "3024020101"
-       "0220" +
-           r},
-      {"ThirdInteger",
-       "3028020101"
-       "0220" +
-           r + "020101"},
-      {"ZeroR",
-       "3025020100"
-       "0220" +
-           r},
+      {"Trailing", "30250201010220" + r + "00"},
+      {"SequenceTooShort", "30240201010220" + r},
+      {"ThirdInteger", "30280201010220" + r + "020101"},
+      {"ZeroR", "30250201000220" + r},
       {"NegativeS", "3006020101020180"},
-      {"NonMinimalR",
-       "302602020001"
-       "0220" +
-           r},
+      {"NonMinimalR", "3026020200010220" + r},
       {"RWiderThan32", "3045022101" + r + "0220" + r},
-      {"NotASequence",
-       "3125020101"
-       "0220" +
-           r},
+      {"NotASequence", "31250201010220" + r},
   };
   for (const auto &c : cases) {
     const std::vector<uint8_t> der = fromHex(c.second);
