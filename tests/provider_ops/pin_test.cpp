@@ -216,15 +216,6 @@ TEST_F(PinTest, LockThenUnblockRestoresLogin) {
   EXPECT_EQ(static_cast<int>(kRetries) - 1, counted);
 }
 
-TEST_F(PinTest, ChangedPinReplacesTheOld) {
-  int retries = 0;
-  ASSERT_EQ(1, DeviceChangePwd(device(), 1, kUserPin, kNewPin, &retries));
-  EXPECT_EQ(-5, DeviceVerifyPwd(device(), 1, kUserPin, &retries));
-  EXPECT_EQ(1, DeviceVerifyPwd(device(), 1, kNewPin, &retries));
-  ASSERT_EQ(1, DeviceChangePwd(device(), 2, kAdminPin, kNewPin, &retries));
-  EXPECT_EQ(1, DeviceVerifyPwd(device(), 2, kNewPin, &retries));
-}
-
 // The argument lines, including the full-width comma of the retry count and
 // a null count pointer printed as 0.
 TEST_F(PinTest, ArgumentLines) {
@@ -273,7 +264,8 @@ TEST_F(PinTest, ArgumentLines) {
 }
 
 // A token without an application: the PIN calls refuse it, each with its
-// own message; device authentication needs no application and works.
+// own message. (Device authentication on such tokens is the super password
+// test's.)
 class UnformattedTest : public OpsTest {
  protected:
   std::vector<DeviceSpec> tokens() const override {
@@ -281,7 +273,6 @@ class UnformattedTest : public OpsTest {
     token.name = "blank";
     token.label = "blank-label";
     token.serial = "blank-serial";
-    for (int i = 0; i < 16; ++i) token.authKey[i] = static_cast<uint8_t>(0x11 * (i % 10));
     return {token};
   }
 };
@@ -318,15 +309,6 @@ TEST_F(UnformattedTest, PinCallsRefuseTheDevice) {
     EXPECT_TRUE(m_log.has("[ERROR]", c.function, c.message)) << c.function;
     EXPECT_TRUE(tembra::test::tokenCallLog().empty()) << c.function;
   }
-}
-
-TEST_F(UnformattedTest, DeviceAuthenticationNeedsNoApplication) {
-  // 0x00 0x11 ... 0x99 0x00 0x11 ...: the text of digits only.
-  std::string text;
-  for (int i = 0; i < 16; ++i) text += std::string(2, static_cast<char>('0' + i % 10));
-  int retries = 0;
-  EXPECT_EQ(1, DeviceVerifyPwd(device(), 3, text.c_str(), &retries));
-  EXPECT_EQ(-1, retries);
 }
 
 }  // namespace
