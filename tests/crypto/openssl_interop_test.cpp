@@ -149,7 +149,7 @@ TEST(OpensslSm2, WeVerifyOpensslsSignatureOverTheDigest) {
 }
 
 // OpenSSL's ciphertexts opening on the token are checked in the provider's
-// decrypt test.
+// import test.
 TEST(OpensslSm2, OurCiphertextOpensInOpenssl) {
   Pkey theirs = opensslSm2Key();
   ASSERT_TRUE(theirs);
@@ -180,7 +180,7 @@ Pkey opensslRsaFromDer(const SecureBytes &der) {
 }
 
 // OpenSSL checking the token's RSA signatures and encrypting to its keys is
-// in the provider's sign and decrypt tests.
+// in the provider's key generation and import tests.
 TEST_P(OpensslRsa, OpensslReadsOurKeys) {
   RsaPrivateKey ours;
   ASSERT_TRUE(rsaGenerate(GetParam(), ours));
