@@ -182,22 +182,10 @@ TEST(Sm4Padded, PadsEveryLengthToTheNextBlockAndStripsIt) {
   }
 }
 
-TEST(Sm4Padded, RefusesBadPaddingAndBadLengths) {
+// Padding verdicts (a zero, 17, mismatched bytes) are crypto_cross's, on both
+// backends and modes; here the lengths no padded ciphertext can have.
+TEST(Sm4Padded, RefusesLengthsThatAreNotWholeBlocks) {
   const std::vector<uint8_t> key = fromHex(kSm4Key);
-  struct Case {
-    const char *name;
-    std::vector<uint8_t> lastBlock;  // plaintext block, encrypted raw
-  };
-  std::vector<uint8_t> zeroPad(16, 0);
-  std::vector<uint8_t> tooLong(16, 17);
-  std::vector<uint8_t> mixed(16, 4);
-  mixed[13] = 3;
-  for (const Case &c : {Case{"zero", zeroPad}, Case{"17", tooLong}, Case{"mixed", mixed}}) {
-    std::vector<uint8_t> cipher(16);
-    ASSERT_TRUE(sm4Ecb(true, key.data(), c.lastBlock.data(), 16, cipher.data()));
-    SecureBytes plain;
-    EXPECT_FALSE(sm4EcbPadded(false, key.data(), cipher.data(), 16, plain)) << c.name;
-  }
   SecureBytes plain;
   uint8_t buffer[17] = {};
   EXPECT_FALSE(sm4EcbPadded(false, key.data(), buffer, 0, plain));
