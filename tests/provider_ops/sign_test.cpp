@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "crypto/backend.h"
@@ -123,43 +124,34 @@ TEST_F(SignTest, ChecksRefuseBeforeTheToken) {
 }
 
 // The size answer comes from the record alone: whatever algo and signlen,
-// without the token and without a login.
+// without the token and without a login. Besides the token's key pairs,
+// records it cannot produce (and RSA-2048, whose key generation would cost
+// more than the rest of the test): a 1023-bit RSA key pair rounds up to 128
+// bytes; an unknown algorithm answers 80 yet cannot sign; a deleted key pair
+// (no device) fails as the token would, without touching memory it does not
+// have. (Signatures of RSA-1024, RSA-2048 and SM2 keys checked by OpenSSL are
+// the key generation test's.)
 TEST_F(SignTest, SizeQueryAnswersFromTheRecord) {
-  struct Case {
-    const char *label;
-    int expected;
-  };
-  for (const Case &c : {Case{"sm2", 80}, Case{"rsa", 128}}) {
-    SPI_KEYPAIR_HANDLE hKeypair = keypair(kSign, c.label);
-    mark();
-    int length = 0;
-    EXPECT_EQ(1, DeviceSign(hKeypair, 0x12345, nullptr, nullptr, 0, nullptr, -7, &length))
-        << c.label;
-    EXPECT_EQ(c.expected, length) << c.label;
-    EXPECT_TRUE(tembra::test::tokenCallLog().empty()) << c.label;
-    EXPECT_TRUE(m_log.messages("[ERROR]").empty()) << c.label;
-  }
-}
-
-// Records the token cannot produce (and one it could, RSA-2048, whose key
-// generation would cost the test more than the rest): a 1023-bit RSA key
-// pair rounds up to 128 bytes; an unknown algorithm answers 80 yet cannot
-// sign; a deleted key pair (no device) fails as the token would, without
-// touching memory it does not have. (Signatures of RSA-1024, RSA-2048 and
-// SM2 keys checked by OpenSSL are the key generation test's.)
-TEST_F(SignTest, RecordsTheTokenCannotMake) {
   char label[] = "fake";
   Keypair rsa1023 = {0, nullptr, label, kSign, ORVEL_PKI_ALGORITHM_RSA, 1023};
   Keypair rsa2048 = {0, nullptr, label, kSign, ORVEL_PKI_ALGORITHM_RSA, 2048};
   Keypair other = {0, nullptr, label, kSign, 7, 256};
   Keypair deleted = {0, nullptr, label, kSign, ORVEL_PKI_ALGORITHM_ECC, 256};
+  const std::pair<SPI_KEYPAIR_HANDLE, int> cases[] = {
+      {keypair(kSign, "sm2"), 80},
+      {keypair(kSign, "rsa"), 128},
+      {&rsa1023, 128},
+      {&rsa2048, 256},
+      {&other, 80},
+  };
   int length = 0;
-  EXPECT_EQ(1, DeviceSign(&rsa1023, kRsaSign, nullptr, nullptr, 0, nullptr, 0, &length));
-  EXPECT_EQ(128, length);
-  EXPECT_EQ(1, DeviceSign(&rsa2048, kRsaSign, nullptr, nullptr, 0, nullptr, 0, &length));
-  EXPECT_EQ(256, length);
-  EXPECT_EQ(1, DeviceSign(&other, kSm2Sign, nullptr, nullptr, 0, nullptr, 0, &length));
-  EXPECT_EQ(80, length);
+  for (const auto &c : cases) {
+    mark();
+    EXPECT_EQ(1, DeviceSign(c.first, 0x12345, nullptr, nullptr, 0, nullptr, -7, &length));
+    EXPECT_EQ(c.second, length);
+    EXPECT_TRUE(tembra::test::tokenCallLog().empty());
+    EXPECT_TRUE(m_log.messages("[ERROR]").empty());
+  }
 
   unsigned char tbs[32] = {};
   unsigned char sign[256];
