@@ -3,7 +3,6 @@
 // token's own answer (with OpenSSL as the independent reader on Linux).
 #include <gtest/gtest.h>
 
-#include <stdio.h>
 #include <string.h>
 
 #include <string>
@@ -25,12 +24,6 @@ namespace discoverytest {
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-
-std::string pointerText(const void *p) {
-  char text[32];
-  snprintf(text, sizeof(text), "%p", p);
-  return text;
-}
 
 // A session of the test's own on the provisioned token, beside the
 // provider's: the independent view of what the token holds.
