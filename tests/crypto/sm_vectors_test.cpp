@@ -122,30 +122,8 @@ INSTANTIATE_TEST_SUITE_P(
       return std::string(caseInfo.param.name);
     });
 
-// CBC built so that every block's cipher input is the published plaintext of
-// example 1: the chaining (IV first, then each cipher block) must be right
-// for every block to come out as the published cipher block.
-TEST(Sm4Cbc, ChainsThroughTheIvAndEachCipherBlock) {
-  const std::vector<uint8_t> key = fromHex(kSm4Key);
-  const std::vector<uint8_t> block = fromHex(kSm4Key);
-  const std::vector<uint8_t> published = fromHex("681edf34d206965e86b3e94f536e4246");
-  const std::vector<uint8_t> iv = fromHex("000102030405060708090a0b0c0d0e0f");
-  std::vector<uint8_t> plain(48);
-  for (size_t i = 0; i < 16; ++i) {
-    plain[i] = block[i] ^ iv[i];
-    plain[16 + i] = block[i] ^ published[i];
-    plain[32 + i] = block[i] ^ published[i];
-  }
-  std::vector<uint8_t> cipher(plain.size());
-  ASSERT_TRUE(sm4Cbc(true, key.data(), iv.data(), plain.data(), plain.size(), cipher.data()));
-  for (size_t b = 0; b < 3; ++b) {
-    EXPECT_EQ(toHex(cipher.data() + 16 * b, 16), toHex(published)) << "block " << b;
-  }
-  std::vector<uint8_t> back(cipher.size());
-  ASSERT_TRUE(sm4Cbc(false, key.data(), iv.data(), cipher.data(), cipher.size(), back.data()));
-  EXPECT_EQ(back, plain);
-}
-
+// CBC chaining is checked against OpenSSL through the token's cipher calls
+// (services test) and across backends (crypto_cross).
 TEST(Sm4, UnpaddedModesRefusePartialBlocks) {
   const std::vector<uint8_t> key = fromHex(kSm4Key);
   uint8_t iv[16] = {};
