@@ -1,6 +1,8 @@
 // DeviceSign against a software token: the checks in their order, the size
-// answers, the token's answers mapped per algorithm, the short-buffer
-// protocol, and signatures checked by an independent party.
+// answers, the token's answers mapped per algorithm and the short-buffer
+// protocol. The signatures themselves are verified in the threaded signing
+// test (every one, with the backend) and, by OpenSSL, in the key generation
+// test.
 #include <gtest/gtest.h>
 
 #include <string.h>
@@ -16,9 +18,6 @@
 #include "provider/records.h"
 #include "softskf/include/softskf.h"
 #include "tests/provider_ops/ops_fixture.h"
-#if defined(TEMBRA_TEST_HAVE_OPENSSL)
-#include "tests/provider_ops/openssl_peer.h"
-#endif
 
 namespace opstest {
 namespace {
@@ -281,34 +280,6 @@ TEST_F(SignTest, EmptyTbsReachesTheToken) {
   const std::vector<std::string> calls = tokenCalls("SKF_ECCSignData");
   ASSERT_EQ(1u, calls.size());
   EXPECT_EQ("0", callField(calls[0], "ulDataLen"));
-}
-
-TEST_F(SignTest, Sm2SignatureVerifies) {
-  SPI_KEYPAIR_HANDLE hKeypair = keypair(kSign, "sm2");
-  login();
-  const std::string message = "message signed on the token";
-  const std::vector<uint8_t> e = sm2Digest(hKeypair, message);
-  std::vector<uint8_t> sign(80);
-  int length = 0;
-  mark();
-  ASSERT_EQ(1, DeviceSign(hKeypair, kSm2Sign, nullptr, e.data(), 32, sign.data(), 80, &length));
-  sign.resize(static_cast<size_t>(length));
-  EXPECT_EQ("32", callField(tokenCalls("SKF_ECCSignData").at(0), "ulDataLen"));
-  EXPECT_TRUE(m_log.messages("[ERROR]").empty());
-
-  const std::vector<uint8_t> spki = publicKey(hKeypair);
-  tembra::crypto::Sm2PublicKey key;
-  uint8_t r[32];
-  uint8_t s[32];
-  ASSERT_TRUE(tembra::crypto::decodeSm2Spki(spki.data(), spki.size(), key));
-  ASSERT_TRUE(tembra::crypto::decodeSm2Signature(sign.data(), sign.size(), r, s));
-  EXPECT_TRUE(tembra::crypto::sm2Verify(key, e.data(), r, s));
-#if defined(TEMBRA_TEST_HAVE_OPENSSL)
-  EXPECT_TRUE(peer::verifySm2Digest(spki, e.data(), sign));
-  std::vector<uint8_t> other = e;
-  other[0] ^= 1;
-  EXPECT_FALSE(peer::verifySm2Digest(spki, other.data(), sign));
-#endif
 }
 
 }  // namespace
