@@ -239,25 +239,9 @@ TEST(Pem, RefusesBrokenBase64) {
 
 // ---- "_KEYPAIR" blobs ---------------------------------------------------------
 
-TEST(KeyPairBlob, Sm2BlobHasTheDocumentedLayoutAndRoundTrips) {
-  Sm2KeyPair keyPair;
-  ASSERT_TRUE(sm2Generate(keyPair));
-  SecureBytes blob;
-  ASSERT_TRUE(encodeSm2KeyPairBlob(keyPair, blob));
-  ASSERT_EQ(blob.size(), 116u);
-  EXPECT_EQ(toHex(blob.data(), 20),
-            "5f4b455950414952"
-            "00000004"
-            "00000001"
-            "00000007");
-  EXPECT_EQ(toHex(blob.data() + 20, 32), toHex(keyPair.publicKey.x, 32));
-  EXPECT_EQ(toHex(blob.data() + 52, 32), toHex(keyPair.publicKey.y, 32));
-  EXPECT_EQ(toHex(blob.data() + 84, 32), toHex(keyPair.d.data(), 32));
-  Sm2KeyPair back;
-  ASSERT_TRUE(decodeSm2KeyPairBlob(blob.data(), blob.size(), back));
-  EXPECT_EQ(toHex(back.d.data(), 32), toHex(keyPair.d.data(), 32));
-}
-
+// The blobs' layout is pinned by the import test, which builds them on its own
+// from OpenSSL keys, and our encoding of them is read back by the provider in
+// the CLI's import test; here the refusals.
 class Sm2KeyPairBlobRefuses : public ::testing::TestWithParam<Mutation> {};
 
 TEST_P(Sm2KeyPairBlobRefuses, MalformedBlob) {
@@ -291,24 +275,13 @@ INSTANTIATE_TEST_SUITE_P(
       return std::string(caseInfo.param.name);
     });
 
-TEST(KeyPairBlob, RsaBlobCarriesTheDerAndChecksItsFraming) {
+TEST(KeyPairBlob, RsaBlobChecksItsFraming) {
   RsaPrivateKey key;
   ASSERT_TRUE(rsaGenerate(1024, key));
-  SecureBytes blob, der, expectedDer;
+  SecureBytes blob, der;
   ASSERT_TRUE(encodeRsaKeyPairBlob(key, blob));
-  ASSERT_TRUE(encodeRsaPrivateKey(key, expectedDer));
-  EXPECT_EQ(toHex(blob.data(), 20),
-            "5f4b455950414952"
-            "00000001"
-            "00000001"
-            "00000080");
-  EXPECT_EQ(blob.size(), 24 + expectedDer.size());
-  ASSERT_TRUE(rsaKeyPairBlobToDer(blob.data(), blob.size(), der));
-  EXPECT_EQ(toHex(der.data(), der.size()), toHex(expectedDer.data(), expectedDer.size()));
   RsaPrivateKey back;
   ASSERT_TRUE(decodeRsaKeyPairBlob(blob.data(), blob.size(), back));
-  EXPECT_EQ(back.publicKey.n, key.publicKey.n);
-
   const std::vector<uint8_t> good(blob.data(), blob.data() + blob.size());
   const std::vector<std::pair<const char *, std::function<void(std::vector<uint8_t> &)>>> bad = {
       {"ModulusLength256", [](std::vector<uint8_t> &b) { b[18] = 1; }},
