@@ -159,56 +159,35 @@ TEST_F(TraceLogTest, LongMessageIsWrittenWhole) {
 
 // ---- Hex dumps -----------------------------------------------------------
 
-struct HexCase {
-  const char *name;
-  std::string input;
-  bool nullInput;
-  bool nullOutput;
-  int len;
-  int result;
-  std::string written;  // what lands in the output buffer
-};
-void PrintTo(const HexCase &c, std::ostream *os) {
-  *os << c.name;
-}
-
-class HexEncodeTest : public ::testing::TestWithParam<HexCase> {};
-
-TEST_P(HexEncodeTest, EncodesUpperCaseWithoutTerminator) {
-  const HexCase &c = GetParam();
-  std::vector<char> out(2 * c.input.size() + 8, '#');
-  const unsigned char *in =
-      c.nullInput ? nullptr : reinterpret_cast<const unsigned char *>(c.input.data());
-  EXPECT_EQ(hexEncode(in, c.len, c.nullOutput ? nullptr : out.data()), c.result);
-  std::string expected = c.written + std::string(out.size() - c.written.size(), '#');
-  EXPECT_EQ(std::string(out.begin(), out.end()), expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, HexEncodeTest,
-    ::testing::Values(HexCase{"ThreeBytes", std::string("\x00\xAB\x7F", 3), false, false, 3, 1,
-                              "00AB7F"},
-                      HexCase{"AllNibbles", "\x01\x23\x45\x67\x89\xAB\xCD\xEF\xFE", false, false, 9,
-                              1, "0123456789ABCDEFFE"},
-                      HexCase{"PrefixOnly", "\xC0\xFF\xEE", false, false, 2, 1, "C0FF"},
-                      HexCase{"NullInput", "\x01", true, false, 1, 0, ""},
-                      HexCase{"NullOutput", "\x01", false, true, 1, 0, ""},
-                      HexCase{"ZeroLength", "\x01", false, false, 0, 0, ""},
-                      HexCase{"NegativeLength", "\x01", false, false, -1, 1, ""}),
-    [](const ::testing::TestParamInfo<HexCase> &p) { return std::string(p.param.name); });
-
+// The dump is written at VERBOSE only, with every nibble in upper case, and
+// as an empty text for no data, no length or a negative length.
 TEST_F(TraceLogTest, HexDumpIsVerboseAndNamesTheBuffer) {
   const unsigned char blob[] = {0x00, 0xAB, 0x7F};
+  const unsigned char nibbles[] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xFE};
   LogTail tail;
   setLevel("4");
   logHexDump("dumpProbe", "keyblob", blob, 3);
   setLevel("5");
   logHexDump("dumpProbe", "*certblob", blob, 3);
-  std::vector<LogLine> lines = tail.lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].level, "[VERBOSE]");
-  EXPECT_EQ(lines[0].function, "dumpProbe");
-  EXPECT_EQ(lines[0].message, "*certblob[length:3]: 00AB7F");
+  logHexDump("dumpProbe", "all", nibbles, 9);
+  logHexDump("dumpProbe", "prefix", nibbles, 2);
+  logHexDump("dumpProbe", "null", nullptr, 4);
+  logHexDump("dumpProbe", "none", blob, 0);
+  logHexDump("dumpProbe", "negative", blob, -1);
+  std::vector<std::string> messages;
+  for (const LogLine &line : tail.lines()) {
+    EXPECT_EQ(line.level, "[VERBOSE]");
+    EXPECT_EQ(line.function, "dumpProbe");
+    messages.push_back(line.message);
+  }
+  EXPECT_EQ(messages, (std::vector<std::string>{
+                          "*certblob[length:3]: 00AB7F",
+                          "all[length:9]: 0123456789ABCDEFFE",
+                          "prefix[length:2]: 0123",
+                          "null[length:4]: ",
+                          "none[length:0]: ",
+                          "negative[length:-1]: ",
+                      }));
 }
 
 }  // namespace
