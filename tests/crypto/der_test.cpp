@@ -163,32 +163,9 @@ INSTANTIATE_TEST_SUITE_P(Integers, DerUnsignedInteger,
                            return std::string(caseInfo.param.name);
                          });
 
-TEST(DerReader, FixedWidthIntegerIsRightAlignedAndBounded) {
-  uint8_t out[4] = {9, 9, 9, 9};
-  const Bytes fitting = fromHex("02020102"), wide = fromHex("02050102030405");
-  Reader fits(fitting);
-  ASSERT_TRUE(fits.readUnsignedInteger(out, sizeof out));
-  EXPECT_EQ(toHex(out, 4), "00000102");
-  Reader tooWide(wide);
-  EXPECT_FALSE(tooWide.readUnsignedInteger(out, sizeof out));
-}
-
-TEST(DerReader, NestedLengthsAreCheckedAgainstTheEnclosingElement) {
-  // The inner INTEGER claims 3 bytes but its SEQUENCE holds only 2 more.
-  const Bytes nested = fromHex("3004020301020304"), withTrailing = fromHex("3000ff");
-  Reader outer(nested);
-  Reader inner;
-  ASSERT_TRUE(outer.enterSequence(inner));
-  Bytes value;
-  EXPECT_FALSE(inner.readUnsignedInteger(value));
-  // Trailing bytes after a structure are visible through finished().
-  Reader trailing(withTrailing);
-  Reader empty;
-  ASSERT_TRUE(trailing.enterSequence(empty));
-  EXPECT_TRUE(empty.finished());
-  EXPECT_FALSE(trailing.finished());
-}
-
+// Fixed-width integers (right-aligned, bounded) and inner lengths checked
+// against the enclosing element are read through the SM2 signature decoder's
+// cases in the key formats test.
 TEST(DerReader, OptionalConsumesOnlyAMatchingTag) {
   const Bytes input = fromHex("a0030201020500");
   Reader reader(input);

@@ -169,32 +169,14 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Sm2SignatureDer, RefusesMalformedSignatures) {
   const std::string r = kLow;
   const std::vector<std::pair<const char *, std::string>> cases = {
-      {"Trailing",
-       "3025020101"
-       "0220" +
-           r + "00"},
-      {"SequenceTooShort",
-       "3024020101"
-       "0220" +
-           r},
-      {"ThirdInteger",
-       "3028020101"
-       "0220" +
-           r + "020101"},
-      {"ZeroR",
-       "3025020100"
-       "0220" +
-           r},
+      {"Trailing", "30250201010220" + r + "00"},
+      {"SequenceTooShort", "30240201010220" + r},
+      {"ThirdInteger", "30280201010220" + r + "020101"},
+      {"ZeroR", "30250201000220" + r},
       {"NegativeS", "3006020101020180"},
-      {"NonMinimalR",
-       "302602020001"
-       "0220" +
-           r},
+      {"NonMinimalR", "3026020200010220" + r},
       {"RWiderThan32", "3045022101" + r + "0220" + r},
-      {"NotASequence",
-       "3125020101"
-       "0220" +
-           r},
+      {"NotASequence", "31250201010220" + r},
   };
   for (const auto &c : cases) {
     const std::vector<uint8_t> der = fromHex(c.second);
@@ -210,23 +192,8 @@ class RsaPrivateKeyDer : public ::testing::Test {
 };
 RsaPrivateKey RsaPrivateKeyDer::s_key;
 
-TEST_F(RsaPrivateKeyDer, RoundTripKeepsEveryPartAndTheKeyStillWorks) {
-  SecureBytes der;
-  ASSERT_TRUE(encodeRsaPrivateKey(s_key, der));
-  EXPECT_EQ(toHex(der.data(), 7).substr(0, 4), "3082");  // long-form SEQUENCE
-  RsaPrivateKey back;
-  ASSERT_TRUE(decodeRsaPrivateKey(der.data(), der.size(), back));
-  EXPECT_EQ(back.publicKey.n, s_key.publicKey.n);
-  EXPECT_EQ(back.publicKey.e, s_key.publicKey.e);
-  EXPECT_EQ(toHex(back.d.data(), back.d.size()), toHex(s_key.d.data(), s_key.d.size()));
-  EXPECT_EQ(toHex(back.qinv.data(), back.qinv.size()), toHex(s_key.qinv.data(), s_key.qinv.size()));
-  const uint8_t data[20] = {1, 2, 3};
-  std::vector<uint8_t> signature;
-  ASSERT_TRUE(rsaSignPkcs1(back, data, sizeof data, signature));
-  EXPECT_TRUE(
-      rsaVerifyPkcs1(s_key.publicKey, data, sizeof data, signature.data(), signature.size()));
-}
-
+// Our RSAPrivateKey read by OpenSSL (with its private and pairwise checks)
+// and OpenSSL's read by us are the interop test's.
 TEST_F(RsaPrivateKeyDer, RefusesOtherVersionsTruncationAndTrailingBytes) {
   SecureBytes der;
   ASSERT_TRUE(encodeRsaPrivateKey(s_key, der));
@@ -272,25 +239,9 @@ TEST(Pem, RefusesBrokenBase64) {
 
 // ---- "_KEYPAIR" blobs ---------------------------------------------------------
 
-TEST(KeyPairBlob, Sm2BlobHasTheDocumentedLayoutAndRoundTrips) {
-  Sm2KeyPair keyPair;
-  ASSERT_TRUE(sm2Generate(keyPair));
-  SecureBytes blob;
-  ASSERT_TRUE(encodeSm2KeyPairBlob(keyPair, blob));
-  ASSERT_EQ(blob.size(), 116u);
-  EXPECT_EQ(toHex(blob.data(), 20),
-            "5f4b455950414952"
-            "00000004"
-            "00000001"
-            "00000007");
-  EXPECT_EQ(toHex(blob.data() + 20, 32), toHex(keyPair.publicKey.x, 32));
-  EXPECT_EQ(toHex(blob.data() + 52, 32), toHex(keyPair.publicKey.y, 32));
-  EXPECT_EQ(toHex(blob.data() + 84, 32), toHex(keyPair.d.data(), 32));
-  Sm2KeyPair back;
-  ASSERT_TRUE(decodeSm2KeyPairBlob(blob.data(), blob.size(), back));
-  EXPECT_EQ(toHex(back.d.data(), 32), toHex(keyPair.d.data(), 32));
-}
-
+// The blobs' layout is pinned by the import test, which builds them on its own
+// from OpenSSL keys, and our encoding of them is read back by the provider in
+// the CLI's import test; here the refusals.
 class Sm2KeyPairBlobRefuses : public ::testing::TestWithParam<Mutation> {};
 
 TEST_P(Sm2KeyPairBlobRefuses, MalformedBlob) {
@@ -324,24 +275,13 @@ INSTANTIATE_TEST_SUITE_P(
       return std::string(caseInfo.param.name);
     });
 
-TEST(KeyPairBlob, RsaBlobCarriesTheDerAndChecksItsFraming) {
+TEST(KeyPairBlob, RsaBlobChecksItsFraming) {
   RsaPrivateKey key;
   ASSERT_TRUE(rsaGenerate(1024, key));
-  SecureBytes blob, der, expectedDer;
+  SecureBytes blob, der;
   ASSERT_TRUE(encodeRsaKeyPairBlob(key, blob));
-  ASSERT_TRUE(encodeRsaPrivateKey(key, expectedDer));
-  EXPECT_EQ(toHex(blob.data(), 20),
-            "5f4b455950414952"
-            "00000001"
-            "00000001"
-            "00000080");
-  EXPECT_EQ(blob.size(), 24 + expectedDer.size());
-  ASSERT_TRUE(rsaKeyPairBlobToDer(blob.data(), blob.size(), der));
-  EXPECT_EQ(toHex(der.data(), der.size()), toHex(expectedDer.data(), expectedDer.size()));
   RsaPrivateKey back;
   ASSERT_TRUE(decodeRsaKeyPairBlob(blob.data(), blob.size(), back));
-  EXPECT_EQ(back.publicKey.n, key.publicKey.n);
-
   const std::vector<uint8_t> good(blob.data(), blob.data() + blob.size());
   const std::vector<std::pair<const char *, std::function<void(std::vector<uint8_t> &)>>> bad = {
       {"ModulusLength256", [](std::vector<uint8_t> &b) { b[18] = 1; }},

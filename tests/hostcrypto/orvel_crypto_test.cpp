@@ -1,9 +1,8 @@
-// The host crypto stand-in through its C interface, as the provider calls it:
-// round trips of every encoding, encryption that the backend opens again,
-// refusal of malformed input, and the test fault switch.
+// The host crypto stand-in through its C interface: refusal of malformed
+// input, and the test fault switch. Its encodings and encryption are checked
+// through the provider's exported calls (keys, sign, decrypt and import tests),
+// on the paths the provider runs.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
 
 #include <atomic>
 #include <functional>
@@ -21,7 +20,6 @@ namespace tembra {
 namespace {
 
 using testing::fromHex;
-using testing::toHex;
 
 constexpr int kSm3 = 0x7000;
 
@@ -58,130 +56,11 @@ class OrvelCrypto : public ::testing::Test {
   crypto::Sm2KeyPair m_sm2;
 };
 
-// ---- Round trips --------------------------------------------------------------
-
-TEST_F(OrvelCrypto, EccPublicKeyRoundTripsThroughTheStandardEncoding) {
-  const std::vector<uint8_t> spki = sm2Spki();
-  crypto::Sm2PublicKey parsed;
-  ASSERT_TRUE(crypto::decodeSm2Spki(spki.data(), spki.size(), parsed));
-  EXPECT_EQ(toHex(parsed.x, 32), toHex(m_sm2.publicKey.x, 32));
-
-  int curve = 0;
-  HostBuffer x, y;
-  ASSERT_EQ(OrvelPKICryptoDecodeECCPubKey(spki.data(), static_cast<int>(spki.size()), &curve, &x.p,
-                                          &x.len, &y.p, &y.len),
-            1);
-  EXPECT_EQ(curve, 7);
-  EXPECT_EQ(toHex(x.bytes()), toHex(m_sm2.publicKey.x, 32));
-  EXPECT_EQ(toHex(y.bytes()), toHex(m_sm2.publicKey.y, 32));
-}
-
-// The provider passes the last BitLen/8 bytes of the modulus field and the
-// whole 4-byte exponent field; the decoder answers the minimal values.
-TEST_F(OrvelCrypto, RsaPublicKeyTakesPaddedFieldsAndAnswersMinimalValues) {
-  crypto::RsaPrivateKey key;
-  ASSERT_TRUE(crypto::rsaGenerate(1024, key));
-  std::vector<uint8_t> field(256, 0);
-  memcpy(field.data() + 128, key.publicKey.n.data(), 128);
-  const uint8_t exponent[4] = {0x00, 0x01, 0x00, 0x01};
-  for (int modulusLen : {128, 129, 256}) {
-    HostBuffer spki;
-    ASSERT_EQ(OrvelPKICryptoEncodeRSAPubKey(field.data() + 256 - modulusLen, modulusLen, exponent,
-                                            4, &spki.p, &spki.len),
-              1)
-        << modulusLen;
-    crypto::RsaPublicKey parsed;
-    ASSERT_TRUE(crypto::decodeRsaSpki(spki.p, static_cast<size_t>(spki.len), parsed));
-    EXPECT_EQ(parsed.n, key.publicKey.n);
-
-    HostBuffer n, e;
-    ASSERT_EQ(OrvelPKICryptoDecodeRSAPubKey(spki.p, spki.len, &n.p, &n.len, &e.p, &e.len), 1);
-    EXPECT_EQ(n.bytes(), key.publicKey.n);
-    EXPECT_EQ(toHex(e.bytes()), "010001");
-  }
-}
-
-TEST_F(OrvelCrypto, SignatureEncodingFitsTheProvidersSizeAnswer) {
-  // r and s with the top bit set give the longest encoding.
-  std::vector<uint8_t> r(32, 0xFF), s(32, 0x80);
-  HostBuffer out;
-  ASSERT_EQ(OrvelPKICryptoEncodeECCSignature(r.data(), 32, s.data(), 32, &out.p, &out.len), 1);
-  EXPECT_EQ(out.len, 72);
-  EXPECT_LE(out.len, 80);
-  uint8_t rr[32], ss[32];
-  ASSERT_TRUE(crypto::decodeSm2Signature(out.p, static_cast<size_t>(out.len), rr, ss));
-  EXPECT_EQ(toHex(rr, 32), toHex(r));
-  EXPECT_EQ(toHex(ss, 32), toHex(s));
-}
-
-TEST_F(OrvelCrypto, EccKeyPairBlobDecodesToItsParts) {
-  SecureBytes blob;
-  ASSERT_TRUE(crypto::encodeSm2KeyPairBlob(m_sm2, blob));
-  int curve = 0;
-  HostBuffer x, y, d;
-  ASSERT_EQ(OrvelPKICryptoDecodeECCKeyPair(blob.data(), static_cast<int>(blob.size()), &curve, &x.p,
-                                           &x.len, &y.p, &y.len, &d.p, &d.len),
-            1);
-  EXPECT_EQ(curve, 7);
-  EXPECT_EQ(toHex(x.bytes()), toHex(m_sm2.publicKey.x, 32));
-  EXPECT_EQ(toHex(y.bytes()), toHex(m_sm2.publicKey.y, 32));
-  EXPECT_EQ(toHex(d.bytes()), toHex(m_sm2.d.data(), 32));
-}
-
-TEST_F(OrvelCrypto, RsaKeyPairBlobGivesThePkcs1Der) {
-  crypto::RsaPrivateKey key;
-  ASSERT_TRUE(crypto::rsaGenerate(1024, key));
-  SecureBytes blob, expected;
-  ASSERT_TRUE(crypto::encodeRsaKeyPairBlob(key, blob));
-  ASSERT_TRUE(crypto::encodeRsaPrivateKey(key, expected));
-  HostBuffer der;
-  ASSERT_EQ(
-      OrvelPKICryptoRSAPrivKeyToDER(blob.data(), static_cast<int>(blob.size()), &der.p, &der.len),
-      1);
-  EXPECT_EQ(toHex(der.bytes()), toHex(expected.data(), expected.size()));
-}
-
-TEST_F(OrvelCrypto, Sm2EncryptionOpensWithThePrivateKey) {
-  const std::vector<uint8_t> spki = sm2Spki();
-  ORVEL_PKI_PUBLICKEY key = nullptr;
-  ASSERT_EQ(
-      OrvelPKICryptoImportPublicKey(m_device, spki.data(), static_cast<int>(spki.size()), &key), 1);
-  uint8_t symmetricKey[16];
-  ASSERT_EQ(OrvelPKICryptoGenerateRandom(m_device, 16, symmetricKey), 1);
-  HostBuffer cipher;
-  ASSERT_EQ(
-      OrvelPKICryptoPublicKeyEncrypt(key, 0x40, &kSm3, symmetricKey, 16, &cipher.p, &cipher.len),
-      1);
-  ASSERT_EQ(cipher.len, 97 + 16);  // 04 || x || y || C2 || C3
-  EXPECT_EQ(cipher.p[0], 0x04);
-  SecureBytes plain;
-  ASSERT_TRUE(crypto::sm2Decrypt(m_sm2.d.data(), cipher.p, static_cast<size_t>(cipher.len), plain));
-  EXPECT_EQ(toHex(plain.data(), plain.size()), toHex(symmetricKey, 16));
-  EXPECT_EQ(OrvelPKICryptoFreePublicKey(key), 1);
-}
-
-TEST_F(OrvelCrypto, RsaEncryptionOpensWithThePrivateKey) {
-  crypto::RsaPrivateKey rsa;
-  ASSERT_TRUE(crypto::rsaGenerate(2048, rsa));
-  std::vector<uint8_t> spki;
-  ASSERT_TRUE(crypto::encodeRsaSpki(rsa.publicKey, spki));
-  ORVEL_PKI_PUBLICKEY key = nullptr;
-  ASSERT_EQ(
-      OrvelPKICryptoImportPublicKey(m_device, spki.data(), static_cast<int>(spki.size()), &key), 1);
-  const uint8_t message[16] = {9, 8, 7};
-  HostBuffer cipher;
-  ASSERT_EQ(OrvelPKICryptoPublicKeyEncrypt(key, 0x10, nullptr, message, 16, &cipher.p, &cipher.len),
-            1);
-  EXPECT_EQ(cipher.len, 256);
-  SecureBytes plain;
-  ASSERT_TRUE(crypto::rsaDecryptPkcs1(rsa, cipher.p, static_cast<size_t>(cipher.len), plain));
-  EXPECT_EQ(toHex(plain.data(), plain.size()), toHex(message, 16));
-  EXPECT_EQ(OrvelPKICryptoFreePublicKey(key), 1);
-}
-
 // ---- Malformed input ----------------------------------------------------------
 
 // Each case is one call that must answer 0 and leave its outputs untouched.
+// The decoders' refusal of each malformed encoding is the crypto library's
+// test; here one malformed input per call is enough.
 struct BadCall {
   const char *name;
   std::function<int(unsigned char **out, int *outLen)> call;
@@ -192,8 +71,6 @@ TEST_F(OrvelCrypto, MalformedInputFailsCleanly) {
   const int spkiLen = static_cast<int>(spki.size());
   const uint8_t *x = m_sm2.publicKey.x;
   const uint8_t *y = m_sm2.publicKey.y;
-  std::vector<uint8_t> wrongCurveSpki = spki;
-  wrongCurveSpki[22]++;
   std::vector<uint8_t> rsaSpki;
   crypto::RsaPublicKey rsa;
   rsa.n = fromHex("c0ffee01c0ffee01c0ffee01c0ffee01");
@@ -223,8 +100,6 @@ TEST_F(OrvelCrypto, MalformedInputFailsCleanly) {
   {                                                                        \
     name, [&](unsigned char **o, [[maybe_unused]] int *l) { return call; } \
   }
-  std::vector<uint8_t> longer = spki;
-  longer.push_back(0);
   const std::vector<uint8_t> r33(33, 1);
   const int rsaSpkiLen = static_cast<int>(rsaSpki.size());
   const std::vector<BadCall> cases = {
@@ -243,12 +118,6 @@ TEST_F(OrvelCrypto, MalformedInputFailsCleanly) {
       BAD_CALL("RsaNullModulus", OrvelPKICryptoEncodeRSAPubKey(nullptr, 128, exponent, 4, o, l)),
       BAD_CALL("DecodeEccTruncated", OrvelPKICryptoDecodeECCPubKey(spki.data(), spkiLen - 1, &curve,
                                                                    o, l, &second, &secondLen)),
-      BAD_CALL("DecodeEccTrailingByte",
-               OrvelPKICryptoDecodeECCPubKey(longer.data(), spkiLen + 1, &curve, o, l, &second,
-                                             &secondLen)),
-      BAD_CALL("DecodeEccWrongCurve",
-               OrvelPKICryptoDecodeECCPubKey(wrongCurveSpki.data(), spkiLen, &curve, o, l, &second,
-                                             &secondLen)),
       BAD_CALL("DecodeEccGivenRsa",
                OrvelPKICryptoDecodeECCPubKey(rsaSpki.data(), rsaSpkiLen, &curve, o, l, &second,
                                              &secondLen)),
@@ -360,16 +229,6 @@ INSTANTIATE_TEST_SUITE_P(Times, OrvelFaultSwitch,
                          [](const ::testing::TestParamInfo<FaultCase> &caseInfo) {
                            return std::string(caseInfo.param.name);
                          });
-
-TEST_F(OrvelCrypto, FaultOnTheDeviceGivesNullAndZeroClearsIt) {
-  ASSERT_EQ(OrvelTestSetFault("OrvelPKICryptoGetPseudoDevice", 1, -1), 1);
-  EXPECT_EQ(OrvelPKICryptoGetPseudoDevice(), nullptr);
-  EXPECT_EQ(OrvelPKICryptoGetPseudoDevice(), nullptr);
-  ASSERT_EQ(OrvelTestSetFault("OrvelPKICryptoGetPseudoDevice", 1, 0), 1);
-  ORVEL_PKI_DEVICE device = OrvelPKICryptoGetPseudoDevice();
-  EXPECT_NE(device, nullptr);
-  EXPECT_EQ(OrvelPKICryptoFreeDevice(device), 1);
-}
 
 TEST_F(OrvelCrypto, FaultSwitchRefusesUnknownNamesAndBadCounts) {
   EXPECT_EQ(OrvelTestSetFault("OrvelPKICryptoEncodeEccPubKey", 0, 1), 0);  // wrong case

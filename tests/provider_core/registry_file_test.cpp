@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/win_compat.h"
+#include "tests/crypto/test_hex.h"
 #include "tests/support/provider_test_support.h"
 
 namespace {
@@ -70,11 +71,11 @@ class RegistryFileTest : public ::testing::Test {
 
 struct ValueCase {
   const char *name;
-  std::string file;
   const wchar_t *value;
   LONG query;
   DWORD type;
-  std::vector<BYTE> data;
+  const char *data;  // hex
+  std::string file;
 };
 void PrintTo(const ValueCase &c, std::ostream *os) {
   *os << c.name;
@@ -91,89 +92,43 @@ TEST_P(RegistryValueTest, ReadsTypeAndBytes) {
   EXPECT_EQ(q.query, c.query);
   if (c.query == ERROR_SUCCESS) {
     EXPECT_EQ(q.type, c.type);
-    EXPECT_EQ(q.data, c.data);
+    EXPECT_EQ(q.data, tembra::testing::fromHex(c.data));
   }
 }
 
 const std::string kPlain = std::string(kHeader) + kSection;
 
+// A dword and a missing value are also read through DeviceInit in the
+// settings test.
 INSTANTIATE_TEST_SUITE_P(
     Values, RegistryValueTest,
     ::testing::Values(
-        ValueCase{"Dword",
-                  kPlain + "\"HasSM3\"=dword:00a1b2c3\r\n",
-                  L"HasSM3",
-                  ERROR_SUCCESS,
-                  REG_DWORD,
-                  {0xC3, 0xB2, 0xA1, 0x00}},
-        ValueCase{"Qword",
-                  kPlain + "\"Q\"=hex(b):01,02,03,04,05,06,07,08\r\n",
-                  L"Q",
-                  ERROR_SUCCESS,
-                  REG_QWORD,
-                  {1, 2, 3, 4, 5, 6, 7, 8}},
-        ValueCase{"BinaryOverContinuationLines",
-                  kPlain + "\"B\"=hex:de,ad,\\\r\n  be,ef,\\\r\n  01\r\n\"Next\"=dword:1\r\n",
-                  L"B",
-                  ERROR_SUCCESS,
-                  REG_BINARY,
-                  {0xDE, 0xAD, 0xBE, 0xEF, 0x01}},
-        ValueCase{"ValueAfterContinuation",
-                  kPlain + "\"B\"=hex:de,ad,\\\r\n  be,ef\r\n\"Next\"=dword:00000007\r\n",
-                  L"Next",
-                  ERROR_SUCCESS,
-                  REG_DWORD,
-                  {7, 0, 0, 0}},
-        ValueCase{"StringWithEscapes",
-                  kPlain + "\"Name\"=\"a\\\\b\\\"c\"\r\n",
-                  L"Name",
-                  ERROR_SUCCESS,
-                  REG_SZ,
-                  {'a', 0, '\\', 0, 'b', 0, '"', 0, 'c', 0, 0, 0}},
-        ValueCase{"Utf16FileWithBom",
-                  utf16le(kPlain + "\"HasSM4\"=dword:00000010\r\n"),
-                  L"HasSM4",
-                  ERROR_SUCCESS,
-                  REG_DWORD,
-                  {0x10, 0, 0, 0}},
-        ValueCase{"Utf16NonAsciiString",
+        ValueCase{"Qword", L"Q", ERROR_SUCCESS, REG_QWORD, "0102030405060708",
+                  kPlain + "\"Q\"=hex(b):01,02,03,04,05,06,07,08\r\n"},
+        ValueCase{"BinaryOverContinuationLines", L"B", ERROR_SUCCESS, REG_BINARY, "deadbeef01",
+                  kPlain + "\"B\"=hex:de,ad,\\\r\n  be,ef,\\\r\n  01\r\n\"Next\"=dword:1\r\n"},
+        ValueCase{"ValueAfterContinuation", L"Next", ERROR_SUCCESS, REG_DWORD, "07000000",
+                  kPlain + "\"B\"=hex:de,ad,\\\r\n  be,ef\r\n\"Next\"=dword:00000007\r\n"},
+        ValueCase{"StringWithEscapes", L"Name", ERROR_SUCCESS, REG_SZ, "61005c006200220063000000",
+                  kPlain + "\"Name\"=\"a\\\\b\\\"c\"\r\n"},
+        ValueCase{"Utf16FileWithBom", L"HasSM4", ERROR_SUCCESS, REG_DWORD, "10000000",
+                  utf16le(kPlain + "\"HasSM4\"=dword:00000010\r\n")},
+        ValueCase{"Utf16NonAsciiString", L"S", ERROR_SUCCESS, REG_SZ, "e9003a260000",
                   std::string("\xFF\xFE", 2) + utf16le(kPlain).substr(2) +
-                      std::string("\"\0S\0\"\0=\0\"\0\xE9\0\x3A\x26\"\0\r\0\n\0", 20),
-                  L"S",
-                  ERROR_SUCCESS,
-                  REG_SZ,
-                  {0xE9, 0x00, 0x3A, 0x26, 0, 0}},
-        ValueCase{"Utf8FileWithBom",
-                  "\xEF\xBB\xBF" + kPlain + "\"T\"=\"\xC3\xA9\"\r\n",
-                  L"T",
-                  ERROR_SUCCESS,
-                  REG_SZ,
-                  {0xE9, 0x00, 0, 0}},
-        ValueCase{"MissingValue",
-                  kPlain + "\"HasSM3\"=dword:00000001\r\n",
-                  L"HasSM4",
-                  ERROR_FILE_NOT_FOUND,
-                  0,
-                  {}},
-        ValueCase{"KeyPathIgnoresCase",
+                      std::string("\"\0S\0\"\0=\0\"\0\xE9\0\x3A\x26\"\0\r\0\n\0", 20)},
+        ValueCase{"Utf8FileWithBom", L"T", ERROR_SUCCESS, REG_SZ, "e9000000",
+                  "\xEF\xBB\xBF" + kPlain + "\"T\"=\"\xC3\xA9\"\r\n"},
+        ValueCase{"KeyPathIgnoresCase", L"HasSM3", ERROR_SUCCESS, REG_DWORD, "09000000",
                   std::string(kHeader) +
                       "[hkey_local_machine\\SOFTWARE\\orvel\\Pki\\DEVICES\\tembrakey]\r\n"
-                      "\"HasSM3\"=dword:00000009\r\n",
-                  L"HasSM3",
-                  ERROR_SUCCESS,
-                  REG_DWORD,
-                  {9, 0, 0, 0}},
-        ValueCase{"OtherSectionsIgnored",
+                      "\"HasSM3\"=dword:00000009\r\n"},
+        ValueCase{"OtherSectionsIgnored", L"HasSM3", ERROR_FILE_NOT_FOUND, 0, "",
                   std::string(kHeader) +
                       "[HKEY_LOCAL_MACHINE\\Software\\ORVEL\\PKI\\Devices\\Other]\r\n"
                       "\"HasSM3\"=dword:00000001\r\n" +
                       kSection + "\"Mine\"=dword:2\r\n" +
                       "[HKEY_LOCAL_MACHINE\\Software\\ORVEL\\PKI\\Devices\\TembraKey\\Sub]\r\n"
-                      "\"HasSM3\"=dword:00000001\r\n",
-                  L"HasSM3",
-                  ERROR_FILE_NOT_FOUND,
-                  0,
-                  {}}),
+                      "\"HasSM3\"=dword:00000001\r\n"}),
     [](const ::testing::TestParamInfo<ValueCase> &p) { return std::string(p.param.name); });
 
 // Malformed lines are skipped, and the lines around them still count.
@@ -262,16 +217,11 @@ TEST_F(RegistryFileTest, QueryFollowsWindowsBufferRules) {
   write(kPlain + "\"S\"=\"abc\"\r\n");  // 8 bytes of UTF-16LE with terminator
   HKEY key = nullptr;
   ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, KEY_READ, &key), ERROR_SUCCESS);
+  // A buffer too short for the value (ERROR_MORE_DATA) is read through
+  // DeviceInit in the settings test.
   BYTE buffer[16];
   memset(buffer, 0xEE, sizeof buffer);
-  DWORD type = 0;
-  DWORD size = 7;
-  EXPECT_EQ(RegQueryValueExW(key, L"S", nullptr, &type, buffer, &size), ERROR_MORE_DATA);
-  EXPECT_EQ(size, 8u);
-  EXPECT_EQ(type, static_cast<DWORD>(REG_SZ));
-  EXPECT_EQ(buffer[0], 0xEE);
-
-  size = 0;
+  DWORD size = 0;
   EXPECT_EQ(RegQueryValueExW(key, L"S", nullptr, nullptr, nullptr, &size), ERROR_SUCCESS);
   EXPECT_EQ(size, 8u);
 

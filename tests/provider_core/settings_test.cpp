@@ -22,13 +22,13 @@ using Entry = std::pair<std::string, std::string>;
 
 struct SettingsCase {
   const char *name;
-  bool keyExists;
-  std::vector<RegistryValue> values;
-  std::vector<Entry> errors;
   int hasSM3;
   int hasSM4;
   int maxOperationLen;
   int gdkm;
+  bool keyExists;
+  std::vector<RegistryValue> values;
+  std::vector<Entry> errors;
 };
 void PrintTo(const SettingsCase &c, std::ostream *os) {
   *os << c.name;
@@ -89,91 +89,56 @@ std::vector<RegistryValue> withHasSM3(const std::string &hasSM3) {
 }
 
 const std::vector<Entry> kNoErrors;
+const std::vector<RegistryValue> kFlagsOnly = {{"HasSM3", "dword:00000005"},
+                                               {"HasSM4", "dword:00000001"},
+                                               {"SupportGDKMSM2Import", "dword:00000002"}};
+const std::vector<RegistryValue> kWrongTypes = {{"HasSM3", "hex:01,00,00,00"},
+                                                {"HasSM4", "\"1\""},
+                                                {"MaxOperationLen", "hex:20,00,00,00"},
+                                                {"SupportGDKMSM2Import", "\"1\""}};
+const std::vector<RegistryValue> kUnrelated = {{"Unrelated", "dword:00000001"}};
+
+std::vector<Entry> sm3Error(const std::string &message) {
+  return {{"hasSM3", message}};
+}
+std::vector<Entry> threeErrors(const std::string &sm3, const std::string &sm4,
+                               const std::string &gdkm) {
+  return {{"hasSM3", sm3}, {"hasSM4", sm4}, {"isSupportGDKMSM2Import", gdkm}};
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Registry, SettingsTest,
     ::testing::Values(
-        SettingsCase{"MaxLen17", true, withMaxLen("dword:00000011"), kNoErrors, 0, 0, 32, 0},
-        SettingsCase{"MaxLen16", true, withMaxLen("dword:00000010"), kNoErrors, 0, 0, 16, 0},
-        SettingsCase{"MaxLen1", true, withMaxLen("dword:00000001"), kNoErrors, 0, 0, 16, 0},
-        SettingsCase{"MaxLen1000", true, withMaxLen("dword:000003e8"), kNoErrors, 0, 0, 1008, 0},
-        SettingsCase{"MaxLen0", true, withMaxLen("dword:00000000"), kNoErrors, 0, 0, 1024, 0},
-        SettingsCase{"MaxLenNegative", true, withMaxLen("dword:ffffffff"), kNoErrors, 0, 0, 1024,
-                     0},
-        SettingsCase{"MaxLenLargestPositive", true, withMaxLen("dword:7fffffff"), kNoErrors, 0, 0,
-                     0x7FFFFFF0, 0},
-        SettingsCase{"MaxLenString", true, withMaxLen("\"32\""), kNoErrors, 0, 0, 1024, 0},
-        SettingsCase{"MaxLenLongString", true, withMaxLen("\"2048\""), kNoErrors, 0, 0, 1024, 0},
-        SettingsCase{"MaxLenQword", true, withMaxLen("hex(b):20,00,00,00,00,00,00,00"), kNoErrors,
-                     0, 0, 1024, 0},
-        SettingsCase{"FlagsStoredAsRead",
-                     true,
-                     {{"HasSM3", "dword:00000005"},
-                      {"HasSM4", "dword:00000001"},
-                      {"SupportGDKMSM2Import", "dword:00000002"}},
-                     kNoErrors,
-                     5,
-                     1,
-                     1024,
-                     2},
-        SettingsCase{"HasSM3Qword",
-                     true,
-                     withHasSM3("hex(b):01,00,00,00,00,00,00,00"),
-                     {{"hasSM3", "unsupport HasSM3, error = 0"}},
-                     0,
-                     1,
-                     16,
-                     1},
-        SettingsCase{"HasSM3String",
-                     true,
-                     withHasSM3("\"1\""),
-                     {{"hasSM3", "unsupport HasSM3, error = 0"}},
-                     0,
-                     1,
-                     16,
-                     1},
+        SettingsCase{"MaxLen17", 0, 0, 32, 0, true, withMaxLen("dword:00000011"), kNoErrors},
+        SettingsCase{"MaxLen16", 0, 0, 16, 0, true, withMaxLen("dword:00000010"), kNoErrors},
+        SettingsCase{"MaxLen1", 0, 0, 16, 0, true, withMaxLen("dword:00000001"), kNoErrors},
+        SettingsCase{"MaxLen1000", 0, 0, 1008, 0, true, withMaxLen("dword:000003e8"), kNoErrors},
+        SettingsCase{"MaxLen0", 0, 0, 1024, 0, true, withMaxLen("dword:00000000"), kNoErrors},
+        SettingsCase{"MaxLenNegative", 0, 0, 1024, 0, true, withMaxLen("dword:ffffffff"),
+                     kNoErrors},
+        SettingsCase{"MaxLenLargestPositive", 0, 0, 0x7FFFFFF0, 0, true,
+                     withMaxLen("dword:7fffffff"), kNoErrors},
+        SettingsCase{"MaxLenString", 0, 0, 1024, 0, true, withMaxLen("\"32\""), kNoErrors},
+        SettingsCase{"MaxLenLongString", 0, 0, 1024, 0, true, withMaxLen("\"2048\""), kNoErrors},
+        SettingsCase{"MaxLenQword", 0, 0, 1024, 0, true,
+                     withMaxLen("hex(b):20,00,00,00,00,00,00,00"), kNoErrors},
+        SettingsCase{"FlagsStoredAsRead", 5, 1, 1024, 2, true, kFlagsOnly, kNoErrors},
+        SettingsCase{"HasSM3Qword", 0, 1, 16, 1, true, withHasSM3("hex(b):01,00,00,00,00,00,00,00"),
+                     sm3Error("unsupport HasSM3, error = 0")},
+        SettingsCase{"HasSM3String", 0, 1, 16, 1, true, withHasSM3("\"1\""),
+                     sm3Error("unsupport HasSM3, error = 0")},
         // Longer than the 8-byte buffer: the query's own result is logged.
-        SettingsCase{"HasSM3LongString",
-                     true,
-                     withHasSM3("\"12345678\""),
-                     {{"hasSM3", "unsupport HasSM3, error = 234"}},
-                     0,
-                     1,
-                     16,
-                     1},
-        SettingsCase{"ValuesMissing",
-                     true,
-                     {{"Unrelated", "dword:00000001"}},
-                     {{"hasSM3", "unsupport HasSM3, error = 2"},
-                      {"hasSM4", "unsupport HasSM4, error = 2"},
-                      {"isSupportGDKMSM2Import", "RegQueryValueEx fail, error = 2"}},
-                     0,
-                     0,
-                     1024,
-                     0},
-        SettingsCase{"WrongTypes",
-                     true,
-                     {{"HasSM3", "hex:01,00,00,00"},
-                      {"HasSM4", "\"1\""},
-                      {"MaxOperationLen", "hex:20,00,00,00"},
-                      {"SupportGDKMSM2Import", "\"1\""}},
-                     {{"hasSM3", "unsupport HasSM3, error = 0"},
-                      {"hasSM4", "unsupport HasSM4, error = 0"},
-                      {"isSupportGDKMSM2Import", "RegQueryValueEx fail, error = 0"}},
-                     0,
-                     0,
-                     1024,
-                     0},
-        SettingsCase{"NoKey",
-                     false,
-                     {},
-                     {{"hasSM3", "RegOpenKeyEx fail, error = 2"},
-                      {"hasSM4", "RegOpenKeyEx fail, error = 2"},
-                      {"isSupportGDKMSM2Import", "RegOpenKeyEx fail, error = 2"}},
-                     0,
-                     0,
-                     1024,
-                     0}),
+        SettingsCase{"HasSM3LongString", 0, 1, 16, 1, true, withHasSM3("\"12345678\""),
+                     sm3Error("unsupport HasSM3, error = 234")},
+        SettingsCase{"ValuesMissing", 0, 0, 1024, 0, true, kUnrelated,
+                     threeErrors("unsupport HasSM3, error = 2", "unsupport HasSM4, error = 2",
+                                 "RegQueryValueEx fail, error = 2")},
+        SettingsCase{"WrongTypes", 0, 0, 1024, 0, true, kWrongTypes,
+                     threeErrors("unsupport HasSM3, error = 0", "unsupport HasSM4, error = 0",
+                                 "RegQueryValueEx fail, error = 0")},
+        SettingsCase{"NoKey", 0, 0, 1024, 0, false, kUnrelated,
+                     threeErrors("RegOpenKeyEx fail, error = 2", "RegOpenKeyEx fail, error = 2",
+                                 "RegOpenKeyEx fail, error = 2")}),
     [](const ::testing::TestParamInfo<SettingsCase> &p) { return std::string(p.param.name); });
 
 class LifecycleTest : public ::testing::Test {

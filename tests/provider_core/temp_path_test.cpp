@@ -26,46 +26,37 @@ void PrintTo(const TempPathCase &c, std::ostream *os) {
   *os << c.name;
 }
 
+// Sets `name` to `value`, or unsets it for null.
+void put(const char *name, const char *value) {
+  if (value == nullptr) {
+    tembra::test::unsetEnv(name);
+  } else {
+    tembra::test::setEnv(name, value);
+  }
+}
+
+const char *const kVariables[] = {"TMPDIR", "XDG_RUNTIME_DIR"};
+
 class TempPathTest : public ::testing::TestWithParam<TempPathCase> {
  protected:
   void SetUp() override {
-    const char *saved = getenv("TMPDIR");
-    m_hadTmpdir = saved != nullptr;
-    if (m_hadTmpdir) m_savedTmpdir = saved;
-    const char *runtime = getenv("XDG_RUNTIME_DIR");
-    m_hadRuntimeDir = runtime != nullptr;
-    if (m_hadRuntimeDir) m_savedRuntimeDir = runtime;
+    for (int i = 0; i < 2; ++i) {
+      const char *value = getenv(kVariables[i]);
+      m_had[i] = value != nullptr;
+      if (m_had[i]) m_saved[i] = value;
+    }
   }
   void TearDown() override {
-    if (m_hadTmpdir) {
-      tembra::test::setEnv("TMPDIR", m_savedTmpdir.c_str());
-    } else {
-      tembra::test::unsetEnv("TMPDIR");
-    }
-    if (m_hadRuntimeDir) {
-      tembra::test::setEnv("XDG_RUNTIME_DIR", m_savedRuntimeDir.c_str());
-    } else {
-      tembra::test::unsetEnv("XDG_RUNTIME_DIR");
-    }
+    for (int i = 0; i < 2; ++i) put(kVariables[i], m_had[i] ? m_saved[i].c_str() : nullptr);
   }
-  bool m_hadTmpdir = false;
-  std::string m_savedTmpdir;
-  bool m_hadRuntimeDir = false;
-  std::string m_savedRuntimeDir;
+  bool m_had[2] = {};
+  std::string m_saved[2];
 };
 
 TEST_P(TempPathTest, AnswersTheDirectoryWithSeparator) {
   const TempPathCase &c = GetParam();
-  if (c.tmpdir == nullptr) {
-    tembra::test::unsetEnv("TMPDIR");
-  } else {
-    tembra::test::setEnv("TMPDIR", c.tmpdir);
-  }
-  if (c.runtimeDir == nullptr) {
-    tembra::test::unsetEnv("XDG_RUNTIME_DIR");
-  } else {
-    tembra::test::setEnv("XDG_RUNTIME_DIR", c.runtimeDir);
-  }
+  put("TMPDIR", c.tmpdir);
+  put("XDG_RUNTIME_DIR", c.runtimeDir);
   char buffer[64] = "untouched";
   EXPECT_EQ(GetTempPathA(c.bufferSize, buffer), c.result);
   EXPECT_EQ(std::string(buffer), c.buffer);

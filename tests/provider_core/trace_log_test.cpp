@@ -124,33 +124,27 @@ const std::regex kLinePattern(
     R"(^(\d+) \d{4}-(0[1-9]|1[0-2])-(0[1-9]|[12]\d|3[01]) ([01]\d|2[0-3]):[0-5]\d:[0-5]\d )"
     R"(\[INFO\] \[formatProbe\] value 42 and text, 100% \n$)");
 
+// Each line carries the id of the thread that wrote it.
 TEST_F(TraceLogTest, LineHasThreadTimeTagFunctionMessageAndTrailingBlank) {
-  LogTail tail;
-  LOG_INFO_AS("formatProbe", "value %d and %s, 100%%", 42, "text");
-  std::vector<LogLine> lines = tail.lines();
-  ASSERT_EQ(lines.size(), 1u);
-  // The reader strips the newline; put it back to match the whole line.
-  std::smatch match;
-  std::string whole = lines[0].raw + "\n";
-  ASSERT_TRUE(std::regex_match(whole, match, kLinePattern)) << lines[0].raw;
-  EXPECT_EQ(std::stol(match[1].str()), static_cast<long>(GetCurrentThreadId()));
-}
-
-TEST_F(TraceLogTest, LineCarriesTheWritingThreadsId) {
   LogTail tail;
   long workerId = 0;
   std::thread worker([&workerId] {
     workerId = static_cast<long>(GetCurrentThreadId());
-    LOG_ERROR_AS("threadProbe", "from worker");
+    LOG_INFO_AS("formatProbe", "value %d and %s, 100%%", 42, "text");
   });
   worker.join();
-  LOG_ERROR_AS("threadProbe", "from main");
+  LOG_INFO_AS("formatProbe", "value %d and %s, 100%%", 42, "text");
   std::vector<LogLine> lines = tail.lines();
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].message, "from worker");
-  EXPECT_EQ(lines[0].threadId, workerId);
-  EXPECT_EQ(lines[1].threadId, static_cast<long>(GetCurrentThreadId()));
-  EXPECT_NE(lines[0].threadId, lines[1].threadId);
+  const long ids[] = {workerId, static_cast<long>(GetCurrentThreadId())};
+  EXPECT_NE(ids[0], ids[1]);
+  for (size_t i = 0; i < 2; ++i) {
+    // The reader strips the newline; put it back to match the whole line.
+    std::smatch match;
+    std::string whole = lines[i].raw + "\n";
+    ASSERT_TRUE(std::regex_match(whole, match, kLinePattern)) << lines[i].raw;
+    EXPECT_EQ(std::stol(match[1].str()), ids[i]);
+  }
 }
 
 TEST_F(TraceLogTest, LongMessageIsWrittenWhole) {
@@ -165,59 +159,35 @@ TEST_F(TraceLogTest, LongMessageIsWrittenWhole) {
 
 // ---- Hex dumps -----------------------------------------------------------
 
-struct HexCase {
-  const char *name;
-  std::vector<unsigned char> input;
-  bool nullInput;
-  bool nullOutput;
-  int len;
-  int result;
-  std::string written;  // what lands in the output buffer
-};
-void PrintTo(const HexCase &c, std::ostream *os) {
-  *os << c.name;
-}
-
-class HexEncodeTest : public ::testing::TestWithParam<HexCase> {};
-
-TEST_P(HexEncodeTest, EncodesUpperCaseWithoutTerminator) {
-  const HexCase &c = GetParam();
-  std::vector<char> out(2 * c.input.size() + 8, '#');
-  const unsigned char *in = c.nullInput ? nullptr : c.input.data();
-  EXPECT_EQ(hexEncode(in, c.len, c.nullOutput ? nullptr : out.data()), c.result);
-  std::string expected = c.written + std::string(out.size() - c.written.size(), '#');
-  EXPECT_EQ(std::string(out.begin(), out.end()), expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, HexEncodeTest,
-    ::testing::Values(HexCase{"ThreeBytes", {0x00, 0xAB, 0x7F}, false, false, 3, 1, "00AB7F"},
-                      HexCase{"AllNibbles",
-                              {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xFE},
-                              false,
-                              false,
-                              9,
-                              1,
-                              "0123456789ABCDEFFE"},
-                      HexCase{"PrefixOnly", {0xC0, 0xFF, 0xEE}, false, false, 2, 1, "C0FF"},
-                      HexCase{"NullInput", {0x01}, true, false, 1, 0, ""},
-                      HexCase{"NullOutput", {0x01}, false, true, 1, 0, ""},
-                      HexCase{"ZeroLength", {0x01}, false, false, 0, 0, ""},
-                      HexCase{"NegativeLength", {0x01}, false, false, -1, 1, ""}),
-    [](const ::testing::TestParamInfo<HexCase> &p) { return std::string(p.param.name); });
-
+// The dump is written at VERBOSE only, with every nibble in upper case, and
+// as an empty text for no data, no length or a negative length.
 TEST_F(TraceLogTest, HexDumpIsVerboseAndNamesTheBuffer) {
   const unsigned char blob[] = {0x00, 0xAB, 0x7F};
+  const unsigned char nibbles[] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xFE};
   LogTail tail;
   setLevel("4");
   logHexDump("dumpProbe", "keyblob", blob, 3);
   setLevel("5");
   logHexDump("dumpProbe", "*certblob", blob, 3);
-  std::vector<LogLine> lines = tail.lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].level, "[VERBOSE]");
-  EXPECT_EQ(lines[0].function, "dumpProbe");
-  EXPECT_EQ(lines[0].message, "*certblob[length:3]: 00AB7F");
+  logHexDump("dumpProbe", "all", nibbles, 9);
+  logHexDump("dumpProbe", "prefix", nibbles, 2);
+  logHexDump("dumpProbe", "null", nullptr, 4);
+  logHexDump("dumpProbe", "none", blob, 0);
+  logHexDump("dumpProbe", "negative", blob, -1);
+  std::vector<std::string> messages;
+  for (const LogLine &line : tail.lines()) {
+    EXPECT_EQ(line.level, "[VERBOSE]");
+    EXPECT_EQ(line.function, "dumpProbe");
+    messages.push_back(line.message);
+  }
+  EXPECT_EQ(messages, (std::vector<std::string>{
+                          "*certblob[length:3]: 00AB7F",
+                          "all[length:9]: 0123456789ABCDEFFE",
+                          "prefix[length:2]: 0123",
+                          "null[length:4]: ",
+                          "none[length:0]: ",
+                          "negative[length:-1]: ",
+                      }));
 }
 
 }  // namespace

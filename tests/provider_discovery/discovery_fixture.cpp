@@ -1,5 +1,7 @@
 #include "tests/provider_discovery/discovery_fixture.h"
 
+#include <stdio.h>
+
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -34,6 +36,12 @@ DeviceSpec token(const std::vector<ApplicationSpec> &applications) {
   for (int i = 0; i < 16; i++) made.authKey[i] = tembra::provision::kDefaultAuthKey[i];
   made.applications = applications;
   return made;
+}
+
+std::string pointerText(const void *p) {
+  char text[32];
+  snprintf(text, sizeof(text), "%p", p);
+  return text;
 }
 
 void DiscoveryTest::SetUp() {

@@ -32,6 +32,8 @@ ContainerSpec container(const std::string &name, KeyKind kind = KeyKind::Sm2,
 // The token kTokenName with the given applications (none: unformatted).
 DeviceSpec token(const std::vector<ApplicationSpec> &applications);
 ApplicationSpec application(const std::string &name, const std::vector<ContainerSpec> &containers);
+// A pointer as the log's %p prints it.
+std::string pointerText(const void *p);
 
 class DiscoveryTest : public ::testing::Test {
  protected:

@@ -21,12 +21,6 @@ std::string hex8(unsigned value) {
   return text;
 }
 
-std::string pointerText(const void *p) {
-  char text[32];
-  snprintf(text, sizeof(text), "%p", p);
-  return text;
-}
-
 int keypairCount(SPI_DEVICESET_HANDLE set, int index) {
   SPI_DEVICE_HANDLE device = DeviceGetDevice(set, index);
   int count = DeviceGetKeypairCount(device);

@@ -1,6 +1,7 @@
 // DevicePrivateKeyDecrypt against a software token: the argument checks, the
-// size answer, the SM2 ciphertext decoding at its bounds, the token's answers
-// per algorithm, and ciphertexts made by an independent party.
+// size answer, the SM2 ciphertext decoding at its bounds and the token's
+// answers per algorithm. (Ciphertexts made by OpenSSL are opened in the
+// import test, on the imported keys.)
 #include <gtest/gtest.h>
 
 #include <string.h>
@@ -14,9 +15,6 @@
 #include "provider/records.h"
 #include "softskf/include/softskf.h"
 #include "tests/provider_ops/ops_fixture.h"
-#if defined(TEMBRA_TEST_HAVE_OPENSSL)
-#include "tests/provider_ops/openssl_peer.h"
-#endif
 
 namespace opstest {
 namespace {
@@ -284,33 +282,6 @@ TEST_F(DecryptTest, KeypairWithoutDeviceFails) {
   EXPECT_EQ(std::vector<std::string>{"unsupport hKeypair->m_algo, hKeypair->m_algo = 9"},
             m_log.messages("[ERROR]"));
 }
-
-#if defined(TEMBRA_TEST_HAVE_OPENSSL)
-// Ciphertexts made by OpenSSL: RSA PKCS #1 v1.5, and SM2 converted from
-// OpenSSL's ASN.1 form to the flat C1 || C2 || C3.
-TEST_F(DecryptTest, OpenSslCipherTextsOpen) {
-  login();
-  SPI_KEYPAIR_HANDLE rsa = keypair(kEncrypt, "rsa");
-  SPI_KEYPAIR_HANDLE sm2 = keypair(kEncrypt, "sm2");
-  const std::string message = "a secret for the token's eyes";
-  std::string plain;
-
-  const std::vector<uint8_t> rsaText = peer::encryptRsa(publicKey(rsa), message);
-  ASSERT_EQ(128u, rsaText.size());
-  EXPECT_EQ(1, decrypt(rsa, kRsaEnc, rsaText, 256, plain));
-  EXPECT_EQ(message, plain);
-
-  const std::vector<uint8_t> sm2Text = peer::encryptSm2Flat(publicKey(sm2), message);
-  ASSERT_EQ(97u + message.size(), sm2Text.size());
-  EXPECT_EQ(1, decrypt(sm2, kSm2Enc, sm2Text, 256, plain));
-  EXPECT_EQ(message, plain);
-
-  // A flipped bit in C3 is the token's to detect.
-  std::vector<uint8_t> tampered = sm2Text;
-  tampered.back() ^= 1;
-  EXPECT_EQ(0, decrypt(sm2, kSm2Enc, tampered, 256, plain));
-}
-#endif
 
 }  // namespace
 }  // namespace opstest

@@ -21,9 +21,14 @@ class PinTest : public OpsTest {
   std::vector<DeviceSpec> tokens() const override { return {makeToken("pins", {})}; }
 };
 
+enum class Op { Verify, Change, Unblock, Retries, RetriesNoCount };
+
 struct PinCase {
   const char *name;
-  int (*call)(SPI_DEVICE_HANDLE hDevice, int *retries);
+  Op op;
+  int type;
+  const char *pin;            // the PIN, the old PIN or the administrator PIN
+  const char *newPin;         // Change and Unblock only
   const char *faultFunction;  // token call made to fail, or null
   ULONG faultCode;
   int expected;
@@ -33,6 +38,22 @@ struct PinCase {
   // Puts the token back as provisioned for the next case, or null.
   void (*restore)(SPI_DEVICE_HANDLE hDevice);
 };
+
+int callPin(const PinCase &c, SPI_DEVICE_HANDLE h, int *retries) {
+  switch (c.op) {
+    case Op::Verify:
+      return DeviceVerifyPwd(h, c.type, c.pin, retries);
+    case Op::Change:
+      return DeviceChangePwd(h, c.type, c.pin, c.newPin, retries);
+    case Op::Unblock:
+      return DeviceUnlockPwd(h, c.type, c.pin, c.newPin, retries);
+    case Op::Retries:
+      return DeviceGetPwdRetryNum(h, c.type, retries);
+    case Op::RetriesNoCount:
+      return DeviceGetPwdRetryNum(h, c.type, nullptr);
+  }
+  return 0;
+}
 
 const char kWrong[] = "00000000";
 const char kNewPin[] = "11112222";
@@ -56,103 +77,73 @@ void revertAdmin(SPI_DEVICE_HANDLE h) {
   EXPECT_EQ(1, DeviceChangePwd(h, 2, kNewPin, kAdminPin, &r));
 }
 
+const char *const kNone = nullptr;
+const char kRetryFail[] = "SKF_GetPINInfo fail, error : 0x0A000001";
+
 const PinCase kPinCases[] = {
     // Log in.
-    {"VerifyUser", [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 1, kUserPin, r); },
-     nullptr, 0, 1, kAnyRetry, true, nullptr, nullptr},
-    {"VerifyAdmin", [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 2, kAdminPin, r); },
-     nullptr, 0, 1, kAnyRetry, true, nullptr, nullptr},
-    {"VerifyWrongUser",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 1, kWrong, r); }, nullptr, 0, -5,
-     kRetries - 1, true, nullptr, resetUser},
-    {"VerifyWrongAdmin",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 2, kWrong, r); }, nullptr, 0, -5,
-     kRetries - 1, true, nullptr, resetAdmin},
-    {"VerifyTooShort",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 1, "12345", r); }, nullptr, 0, -19,
-     kAnyRetry, true, nullptr, nullptr},
-    {"VerifyTooLong",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 1, "12345678901234567", r); },
-     nullptr, 0, -19, kAnyRetry, true, nullptr, nullptr},
-    {"VerifyTypeZero",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 0, kUserPin, r); }, nullptr, 0, -1,
-     kUntouched, false, nullptr, nullptr},
-    {"VerifyTypeFour",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 4, kUserPin, r); }, nullptr, 0, -1,
-     kUntouched, false, nullptr, nullptr},
-    {"VerifyNullPin", [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 1, nullptr, r); },
-     nullptr, 0, -1, kUntouched, false, nullptr, nullptr},
-    {"VerifyNullPinBeforeType",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 3, nullptr, r); }, nullptr, 0, -1,
-     kUntouched, false, nullptr, nullptr},
-    {"VerifyTokenFailure",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 1, kUserPin, r); },
-     "SKF_VerifyPIN", kFail, 0, kAnyRetry, true, "SKF_VerifyPIN fail, error = 0x0A000001", nullptr},
+    {"VerifyUser", Op::Verify, 1, kUserPin, kNone, kNone, 0, 1, kAnyRetry, true, kNone, nullptr},
+    {"VerifyAdmin", Op::Verify, 2, kAdminPin, kNone, kNone, 0, 1, kAnyRetry, true, kNone, nullptr},
+    {"VerifyWrongUser", Op::Verify, 1, kWrong, kNone, kNone, 0, -5, kRetries - 1, true, kNone,
+     resetUser},
+    {"VerifyWrongAdmin", Op::Verify, 2, kWrong, kNone, kNone, 0, -5, kRetries - 1, true, kNone,
+     resetAdmin},
+    {"VerifyTooShort", Op::Verify, 1, "12345", kNone, kNone, 0, -19, kAnyRetry, true, kNone,
+     nullptr},
+    {"VerifyTooLong", Op::Verify, 1, "12345678901234567", kNone, kNone, 0, -19, kAnyRetry, true,
+     kNone, nullptr},
+    {"VerifyTypeZero", Op::Verify, 0, kUserPin, kNone, kNone, 0, -1, kUntouched, false, kNone,
+     nullptr},
+    {"VerifyTypeFour", Op::Verify, 4, kUserPin, kNone, kNone, 0, -1, kUntouched, false, kNone,
+     nullptr},
+    {"VerifyNullPin", Op::Verify, 1, kNone, kNone, kNone, 0, -1, kUntouched, false, kNone, nullptr},
+    {"VerifyNullPinBeforeType", Op::Verify, 3, kNone, kNone, kNone, 0, -1, kUntouched, false, kNone,
+     nullptr},
+    {"VerifyTokenFailure", Op::Verify, 1, kUserPin, kNone, "SKF_VerifyPIN", kFail, 0, kAnyRetry,
+     true, "SKF_VerifyPIN fail, error = 0x0A000001", nullptr},
     // Only "incorrect" is a wrong PIN for verify; "locked" is a failure.
-    {"VerifyLockedIsFailure",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 1, kUserPin, r); },
-     "SKF_VerifyPIN", SAR_PIN_LOCKED, 0, kAnyRetry, true, "SKF_VerifyPIN fail, error = 0x0A000025",
-     nullptr},
+    {"VerifyLockedIsFailure", Op::Verify, 1, kUserPin, kNone, "SKF_VerifyPIN", SAR_PIN_LOCKED, 0,
+     kAnyRetry, true, "SKF_VerifyPIN fail, error = 0x0A000025", nullptr},
     // Change.
-    {"ChangeUser",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceChangePwd(h, 1, kUserPin, kNewPin, r); },
-     nullptr, 0, 1, kAnyRetry, true, nullptr, revertUser},
-    {"ChangeAdmin",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceChangePwd(h, 2, kAdminPin, kNewPin, r); },
-     nullptr, 0, 1, kAnyRetry, true, nullptr, revertAdmin},
-    {"ChangeWrongOld",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceChangePwd(h, 1, kWrong, kNewPin, r); }, nullptr,
-     0, -5, kRetries - 1, true, nullptr, resetUser},
-    {"ChangeNewTooShort",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceChangePwd(h, 1, kUserPin, "123", r); }, nullptr,
-     0, -19, kAnyRetry, true, nullptr, nullptr},
-    {"ChangeTypeThree",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceChangePwd(h, 3, kUserPin, kNewPin, r); },
-     nullptr, 0, -1, kUntouched, false, nullptr, nullptr},
-    {"ChangeNullNew",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceChangePwd(h, 1, kUserPin, nullptr, r); },
-     nullptr, 0, -1, kUntouched, false, nullptr, nullptr},
-    {"ChangeTokenFailure",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceChangePwd(h, 1, kUserPin, kNewPin, r); },
-     "SKF_ChangePIN", kFail, 0, kAnyRetry, true, "SKF_ChangePIN fail, error = 0x0A000001", nullptr},
+    {"ChangeUser", Op::Change, 1, kUserPin, kNewPin, kNone, 0, 1, kAnyRetry, true, kNone,
+     revertUser},
+    {"ChangeAdmin", Op::Change, 2, kAdminPin, kNewPin, kNone, 0, 1, kAnyRetry, true, kNone,
+     revertAdmin},
+    {"ChangeWrongOld", Op::Change, 1, kWrong, kNewPin, kNone, 0, -5, kRetries - 1, true, kNone,
+     resetUser},
+    {"ChangeNewTooShort", Op::Change, 1, kUserPin, "123", kNone, 0, -19, kAnyRetry, true, kNone,
+     nullptr},
+    {"ChangeTypeThree", Op::Change, 3, kUserPin, kNewPin, kNone, 0, -1, kUntouched, false, kNone,
+     nullptr},
+    {"ChangeNullNew", Op::Change, 1, kUserPin, kNone, kNone, 0, -1, kUntouched, false, kNone,
+     nullptr},
+    {"ChangeTokenFailure", Op::Change, 1, kUserPin, kNewPin, "SKF_ChangePIN", kFail, 0, kAnyRetry,
+     true, "SKF_ChangePIN fail, error = 0x0A000001", nullptr},
     // Unblock: "locked" is the wrong-PIN answer here, "incorrect" a failure.
-    {"UnblockUser",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceUnlockPwd(h, 1, kAdminPin, kNewPin, r); },
-     nullptr, 0, 1, kAnyRetry, true, nullptr, revertUser},
-    {"UnblockAdminTypeRefused",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceUnlockPwd(h, 2, kAdminPin, kNewPin, r); },
-     nullptr, 0, -1, kUntouched, false, nullptr, nullptr},
-    {"UnblockNullAdminPin",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceUnlockPwd(h, 1, nullptr, kNewPin, r); },
-     nullptr, 0, -1, kUntouched, false, nullptr, nullptr},
-    {"UnblockLockedIsWrongPin",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceUnlockPwd(h, 1, kAdminPin, kNewPin, r); },
-     "SKF_UnblockPIN", SAR_PIN_LOCKED, -5, kAnyRetry, true, nullptr, nullptr},
-    {"UnblockIncorrectIsFailure",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceUnlockPwd(h, 1, kAdminPin, kNewPin, r); },
-     "SKF_UnblockPIN", SAR_PIN_INCORRECT, 0, kAnyRetry, true, "rv != SAR_OK, rv = 0x0A000024",
+    {"UnblockUser", Op::Unblock, 1, kAdminPin, kNewPin, kNone, 0, 1, kAnyRetry, true, kNone,
+     revertUser},
+    {"UnblockAdminTypeRefused", Op::Unblock, 2, kAdminPin, kNewPin, kNone, 0, -1, kUntouched, false,
+     kNone, nullptr},
+    {"UnblockNullAdminPin", Op::Unblock, 1, kNone, kNewPin, kNone, 0, -1, kUntouched, false, kNone,
      nullptr},
-    {"UnblockLengthRange",
-     [](SPI_DEVICE_HANDLE h, int *r) { return DeviceUnlockPwd(h, 1, kAdminPin, kNewPin, r); },
-     "SKF_UnblockPIN", SAR_PIN_LEN_RANGE, -19, kAnyRetry, true, nullptr, nullptr},
+    {"UnblockLockedIsWrongPin", Op::Unblock, 1, kAdminPin, kNewPin, "SKF_UnblockPIN",
+     SAR_PIN_LOCKED, -5, kAnyRetry, true, kNone, nullptr},
+    {"UnblockIncorrectIsFailure", Op::Unblock, 1, kAdminPin, kNewPin, "SKF_UnblockPIN",
+     SAR_PIN_INCORRECT, 0, kAnyRetry, true, "rv != SAR_OK, rv = 0x0A000024", nullptr},
+    {"UnblockLengthRange", Op::Unblock, 1, kAdminPin, kNewPin, "SKF_UnblockPIN", SAR_PIN_LEN_RANGE,
+     -19, kAnyRetry, true, kNone, nullptr},
     // Remaining tries.
-    {"RetryUser", [](SPI_DEVICE_HANDLE h, int *r) { return DeviceGetPwdRetryNum(h, 1, r); },
-     nullptr, 0, 1, kRetries, true, nullptr, nullptr},
-    {"RetryAdmin", [](SPI_DEVICE_HANDLE h, int *r) { return DeviceGetPwdRetryNum(h, 2, r); },
-     nullptr, 0, 1, kRetries, true, nullptr, nullptr},
-    {"RetryTypeThree", [](SPI_DEVICE_HANDLE h, int *r) { return DeviceGetPwdRetryNum(h, 3, r); },
-     nullptr, 0, -1, kUntouched, false, nullptr, nullptr},
-    {"RetryTokenFailure", [](SPI_DEVICE_HANDLE h, int *r) { return DeviceGetPwdRetryNum(h, 1, r); },
-     "SKF_GetPINInfo", kFail, 0, kUntouched, true, "SKF_GetPINInfo fail, error : 0x0A000001",
+    {"RetryUser", Op::Retries, 1, kNone, kNone, kNone, 0, 1, kRetries, true, kNone, nullptr},
+    {"RetryAdmin", Op::Retries, 2, kNone, kNone, kNone, 0, 1, kRetries, true, kNone, nullptr},
+    {"RetryTypeThree", Op::Retries, 3, kNone, kNone, kNone, 0, -1, kUntouched, false, kNone,
      nullptr},
+    {"RetryTokenFailure", Op::Retries, 1, kNone, kNone, "SKF_GetPINInfo", kFail, 0, kUntouched,
+     true, kRetryFail, nullptr},
     // Without a count pointer the token is still asked; only the store is skipped.
-    {"RetryNullCount",
-     [](SPI_DEVICE_HANDLE h, int *) { return DeviceGetPwdRetryNum(h, 1, nullptr); }, nullptr, 0, 1,
-     kUntouched, true, nullptr, nullptr},
-    {"RetryNullCountTokenFailure",
-     [](SPI_DEVICE_HANDLE h, int *) { return DeviceGetPwdRetryNum(h, 1, nullptr); },
-     "SKF_GetPINInfo", kFail, 0, kUntouched, true, "SKF_GetPINInfo fail, error : 0x0A000001",
+    {"RetryNullCount", Op::RetriesNoCount, 1, kNone, kNone, kNone, 0, 1, kUntouched, true, kNone,
      nullptr},
+    {"RetryNullCountTokenFailure", Op::RetriesNoCount, 1, kNone, kNone, "SKF_GetPINInfo", kFail, 0,
+     kUntouched, true, kRetryFail, nullptr},
 };
 
 // One token for the whole table: each case that changes the token's state
@@ -165,7 +156,7 @@ TEST_F(PinTest, ResultsRetriesAndLogs) {
     }
     mark();
     int retries = kUntouched;
-    EXPECT_EQ(c.expected, c.call(device(), &retries));
+    EXPECT_EQ(c.expected, callPin(c, device(), &retries));
     if (c.expectedRetries != kAnyRetry) {
       EXPECT_EQ(c.expectedRetries, retries);
     }
@@ -216,15 +207,6 @@ TEST_F(PinTest, LockThenUnblockRestoresLogin) {
   EXPECT_EQ(static_cast<int>(kRetries) - 1, counted);
 }
 
-TEST_F(PinTest, ChangedPinReplacesTheOld) {
-  int retries = 0;
-  ASSERT_EQ(1, DeviceChangePwd(device(), 1, kUserPin, kNewPin, &retries));
-  EXPECT_EQ(-5, DeviceVerifyPwd(device(), 1, kUserPin, &retries));
-  EXPECT_EQ(1, DeviceVerifyPwd(device(), 1, kNewPin, &retries));
-  ASSERT_EQ(1, DeviceChangePwd(device(), 2, kAdminPin, kNewPin, &retries));
-  EXPECT_EQ(1, DeviceVerifyPwd(device(), 2, kNewPin, &retries));
-}
-
 // The argument lines, including the full-width comma of the retry count and
 // a null count pointer printed as 0.
 TEST_F(PinTest, ArgumentLines) {
@@ -273,7 +255,8 @@ TEST_F(PinTest, ArgumentLines) {
 }
 
 // A token without an application: the PIN calls refuse it, each with its
-// own message; device authentication needs no application and works.
+// own message. (Device authentication on such tokens is the super password
+// test's.)
 class UnformattedTest : public OpsTest {
  protected:
   std::vector<DeviceSpec> tokens() const override {
@@ -281,52 +264,35 @@ class UnformattedTest : public OpsTest {
     token.name = "blank";
     token.label = "blank-label";
     token.serial = "blank-serial";
-    for (int i = 0; i < 16; ++i) token.authKey[i] = static_cast<uint8_t>(0x11 * (i % 10));
     return {token};
   }
 };
 
 TEST_F(UnformattedTest, PinCallsRefuseTheDevice) {
-  struct Case {
-    const char *function;
-    int (*call)(SPI_DEVICE_HANDLE hDevice, int *retries);
-    const char *message;
+  const char kNoApp[] = "hDevice->m_hApp == 0";
+  const char kNotFormat[] = "hDevice->m_isformat == 0";
+  // The name is the function whose [ERROR] line the case expects.
+  const PinCase cases[] = {
+      {"DeviceVerifyPwd", Op::Verify, 1, kUserPin, kNone, kNone, 0, 0, kUntouched, false, kNoApp,
+       nullptr},
+      {"DeviceChangePwd", Op::Change, 1, kUserPin, kNewPin, kNone, 0, 0, kUntouched, false,
+       kNotFormat, nullptr},
+      {"DeviceUnlockPwd", Op::Unblock, 1, kAdminPin, kNewPin, kNone, 0, 0, kUntouched, false,
+       kNotFormat, nullptr},
+      {"DeviceGetPwdRetryNum", Op::Retries, 2, kNone, kNone, kNone, 0, 0, kUntouched, false,
+       kNotFormat, nullptr},
+      {"DeviceGetPwdRetryNum", Op::RetriesNoCount, 1, kNone, kNone, kNone, 0, 0, kUntouched, false,
+       kNotFormat, nullptr},
   };
-  const Case cases[] = {
-      {"DeviceVerifyPwd",
-       [](SPI_DEVICE_HANDLE h, int *r) { return DeviceVerifyPwd(h, 1, kUserPin, r); },
-       "hDevice->m_hApp == 0"},
-      {"DeviceChangePwd",
-       [](SPI_DEVICE_HANDLE h, int *r) { return DeviceChangePwd(h, 1, kUserPin, kNewPin, r); },
-       "hDevice->m_isformat == 0"},
-      {"DeviceUnlockPwd",
-       [](SPI_DEVICE_HANDLE h, int *r) { return DeviceUnlockPwd(h, 1, kAdminPin, kNewPin, r); },
-       "hDevice->m_isformat == 0"},
-      {"DeviceGetPwdRetryNum",
-       [](SPI_DEVICE_HANDLE h, int *r) { return DeviceGetPwdRetryNum(h, 2, r); },
-       "hDevice->m_isformat == 0"},
-      {"DeviceGetPwdRetryNum",
-       [](SPI_DEVICE_HANDLE h, int *) { return DeviceGetPwdRetryNum(h, 1, nullptr); },
-       "hDevice->m_isformat == 0"},
-  };
-  for (const Case &c : cases) {
+  for (const PinCase &c : cases) {
     mark();
     int retries = kUntouched;
-    EXPECT_EQ(0, c.call(device(), &retries)) << c.function;
-    EXPECT_EQ(kUntouched, retries) << c.function;
-    EXPECT_EQ(std::vector<std::string>{c.message}, m_log.messages("[ERROR]")) << c.function;
-    EXPECT_TRUE(m_log.has("[ERROR]", c.function, c.message)) << c.function;
-    EXPECT_TRUE(tembra::test::tokenCallLog().empty()) << c.function;
+    EXPECT_EQ(c.expected, callPin(c, device(), &retries)) << c.name;
+    EXPECT_EQ(c.expectedRetries, retries) << c.name;
+    EXPECT_EQ(std::vector<std::string>{c.error}, m_log.messages("[ERROR]")) << c.name;
+    EXPECT_TRUE(m_log.has("[ERROR]", c.name, c.error)) << c.name;
+    EXPECT_TRUE(tembra::test::tokenCallLog().empty()) << c.name;
   }
-}
-
-TEST_F(UnformattedTest, DeviceAuthenticationNeedsNoApplication) {
-  // 0x00 0x11 ... 0x99 0x00 0x11 ...: the text of digits only.
-  std::string text;
-  for (int i = 0; i < 16; ++i) text += std::string(2, static_cast<char>('0' + i % 10));
-  int retries = 0;
-  EXPECT_EQ(1, DeviceVerifyPwd(device(), 3, text.c_str(), &retries));
-  EXPECT_EQ(-1, retries);
 }
 
 }  // namespace

@@ -145,17 +145,15 @@ TEST_F(DeviceAuthTest, ChallengeResponseAsTheTokenSeesIt) {
   const std::vector<std::string> expected = {"SKF_GenRandom", "SKF_SetSymmKey",  "SKF_EncryptInit",
                                              "SKF_Encrypt",   "SKF_CloseHandle", "SKF_DevAuth"};
   EXPECT_EQ(expected, names);
-  ASSERT_EQ(1u, tokenCalls("SKF_GenRandom").size());
-  EXPECT_EQ("8", callField(tokenCalls("SKF_GenRandom")[0], "ulRandomLen"));
-  ASSERT_EQ(1u, tokenCalls("SKF_SetSymmKey").size());
-  EXPECT_EQ("0x00000401", callField(tokenCalls("SKF_SetSymmKey")[0], "ulAlgID"));
-  ASSERT_EQ(1u, tokenCalls("SKF_EncryptInit").size());
-  EXPECT_EQ("0", callField(tokenCalls("SKF_EncryptInit")[0], "IVLen"));
-  EXPECT_EQ("0", callField(tokenCalls("SKF_EncryptInit")[0], "PaddingType"));
-  ASSERT_EQ(1u, tokenCalls("SKF_Encrypt").size());
-  EXPECT_EQ("16", callField(tokenCalls("SKF_Encrypt")[0], "ulDataLen"));
-  ASSERT_EQ(1u, tokenCalls("SKF_DevAuth").size());
-  EXPECT_EQ("16", callField(tokenCalls("SKF_DevAuth")[0], "ulLen"));
+  const char *const fields[][3] = {
+      {"SKF_GenRandom", "ulRandomLen", "8"}, {"SKF_SetSymmKey", "ulAlgID", "0x00000401"},
+      {"SKF_EncryptInit", "IVLen", "0"},     {"SKF_EncryptInit", "PaddingType", "0"},
+      {"SKF_Encrypt", "ulDataLen", "16"},    {"SKF_DevAuth", "ulLen", "16"},
+  };
+  for (const auto &f : fields) {
+    ASSERT_EQ(1u, tokenCalls(f[0]).size()) << f[0];
+    EXPECT_EQ(f[2], callField(tokenCalls(f[0])[0], f[1])) << f[0] << " " << f[1];
+  }
 }
 
 // Each step's failure: its message, the result (only the last step gives
