@@ -428,5 +428,29 @@ INSTANTIATE_TEST_SUITE_P(Refused, RefusedPlainTest,
                                            RefusedPlainCase{"modulus_192", false, "rsa", 192}),
                          CaseName());
 
+// A token whose capabilities claim SM1 gets the private key enveloped under
+// SM1 first; the software token computes no SM1 and refuses the key.
+TEST_F(ImportTest, Sm1ChosenFirstWhenTheTokenClaimsIt) {
+  char name[] = "imp";
+  ASSERT_EQ(static_cast<ULONG>(SAR_OK),
+            SKFSoft_SetCapabilities(name, SGD_SM1_ECB | SGD_SMS4_ECB,
+                                    SGD_RSA | SGD_SM2_1 | SGD_SM2_3, SGD_SM3));
+  SPI_DEVICESET_HANDLE set = DeviceGetAllDevices();
+  SPI_DEVICE_HANDLE hDevice = DeviceGetDevice(set, 0);
+  ASSERT_NE(nullptr, hDevice);
+  login(hDevice);
+  mark();
+  const Bytes blob = plainBlob(makeKey(true, 256), 256);
+  SPI_KEYPAIR_HANDLE hKeypair = nullptr;
+  EXPECT_EQ(0, DeviceImportKeypair(hDevice, blob.data(), static_cast<int>(blob.size()),
+                                   ORVEL_PKI_KEYPAIRTYPE_ENCRYPT, "sm2", &hKeypair));
+  const std::vector<std::string> setKey = tokenCalls("SKF_SetSymmKey");
+  ASSERT_EQ(1u, setKey.size());
+  EXPECT_EQ("0x00000101", callField(setKey[0], "ulAlgID"));
+  EXPECT_TRUE(m_log.has("[ERROR]", "DeviceImportKeypair", "EncKeyPairBlob()==0"));
+  DeviceFreeDevice(hDevice);
+  DeviceFreeDevices(set);
+}
+
 }  // namespace
 }  // namespace opstest
