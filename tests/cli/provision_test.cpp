@@ -1,7 +1,7 @@
 // Tokens made by the provisioning library, as the provider and the token
 // itself see them: key pair counts per container kind, the clean-up of a
-// failed provisioning, and encryption key pairs whose private halves match
-// their public keys.
+// failed provisioning. That the encryption key pairs decrypt what is sent to
+// their public keys is checked through `tembra encrypt`/`decrypt`.
 #include <string.h>
 
 #include <string>
@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "crypto/backend.h"
 #include "include/tembra_key_prov.h"
 #include "softskf/include/softskf.h"
 #include "softskf/provision/provision.h"
@@ -173,48 +172,6 @@ TEST(Provision, LeavesTheApplicationLoggedOut) {
   EXPECT_EQ(SKF_ECCSignData(token.container(), digest, 32, &signature),
             ULONG(SAR_USER_NOT_LOGGED_IN));
 }
-
-// The imported encryption key pair decrypts what is encrypted to its
-// exported public key: the envelope carried the matching private key.
-class EncryptionKeyPair : public ::testing::TestWithParam<KeyKind> {};
-
-TEST_P(EncryptionKeyPair, DecryptsToItsOwnPublicKey) {
-  test::TokenStore store;
-  store.provision(oneContainer(container(GetParam(), true, false)));
-  test::TokenConnection token("tok");
-  ASSERT_TRUE(token.openContainer("App", "C1"));
-  ASSERT_TRUE(token.login("12345678"));
-  const uint8_t message[] = "the envelope carried the right key";
-  std::vector<uint8_t> plain(512);
-  ULONG plainLen = ULONG(plain.size());
-  if (GetParam() == KeyKind::Sm2) {
-    crypto::Sm2PublicKey key;
-    ASSERT_TRUE(token.sm2PublicKey(false, key));
-    std::vector<uint8_t> flat;
-    ASSERT_TRUE(crypto::sm2Encrypt(key, message, sizeof(message), flat));
-    std::vector<uint8_t> blob = test::eccCipherBlob(flat);
-    ASSERT_EQ(
-        SKF_ECCDecrypt(token.container(), FALSE, reinterpret_cast<ECCCIPHERBLOB *>(blob.data()),
-                       plain.data(), &plainLen),
-        ULONG(SAR_OK));
-  } else {
-    crypto::RsaPublicKey key;
-    ASSERT_TRUE(token.rsaPublicKey(false, key));
-    std::vector<uint8_t> cipher;
-    ASSERT_TRUE(crypto::rsaEncryptPkcs1(key, message, sizeof(message), cipher));
-    ASSERT_EQ(SKF_RSADecrypt(token.container(), FALSE, cipher.data(), ULONG(cipher.size()),
-                             plain.data(), &plainLen),
-              ULONG(SAR_OK));
-  }
-  plain.resize(plainLen);
-  EXPECT_EQ(plain, std::vector<uint8_t>(message, message + sizeof(message)));
-}
-
-INSTANTIATE_TEST_SUITE_P(Kinds, EncryptionKeyPair,
-                         ::testing::Values(KeyKind::Sm2, KeyKind::Rsa1024),
-                         [](const ::testing::TestParamInfo<KeyKind> &param) {
-                           return std::string(param.param == KeyKind::Sm2 ? "Sm2" : "Rsa1024");
-                         });
 
 }  // namespace
 }  // namespace tembra

@@ -1,6 +1,5 @@
 #include "tests/cli/token_access.h"
 
-#include <stddef.h>
 #include <string.h>
 
 namespace tembra {
@@ -23,20 +22,6 @@ std::vector<std::string> tokenNames() {
   ULONG size = ULONG(list.size());
   if (SKF_EnumDev(FALSE, list.data(), &size) != SAR_OK) return {"<SKF_EnumDev failed>"};
   return splitNames(list);
-}
-
-std::vector<uint8_t> eccCipherBlob(const std::vector<uint8_t> &flat) {
-  if (flat.size() < 97 || flat.size() > 65536) return {};
-  const size_t messageLen = flat.size() - 97;
-  const ULONG cipherLen = ULONG(messageLen);
-  std::vector<uint8_t> blob(offsetof(ECCCIPHERBLOB, Cipher) + messageLen + 1, 0);
-  uint8_t *base = blob.data();
-  memcpy(base + offsetof(ECCCIPHERBLOB, XCoordinate) + 32, &flat[1], 32);
-  memcpy(base + offsetof(ECCCIPHERBLOB, YCoordinate) + 32, &flat[33], 32);
-  memcpy(base + offsetof(ECCCIPHERBLOB, HASH), &flat[65 + messageLen], 32);
-  memcpy(base + offsetof(ECCCIPHERBLOB, CipherLen), &cipherLen, sizeof(cipherLen));
-  if (messageLen > 0) memcpy(base + offsetof(ECCCIPHERBLOB, Cipher), &flat[65], messageLen);
-  return blob;
 }
 
 TokenConnection::TokenConnection(const std::string &name) {
@@ -65,11 +50,6 @@ bool TokenConnection::openContainer(const std::string &application, const std::s
              SAR_OK &&
          SKF_OpenContainer(m_application, const_cast<LPSTR>(container.c_str()), &m_container) ==
              SAR_OK;
-}
-
-bool TokenConnection::login(const char *userPin) {
-  ULONG retries = 0;
-  return SKF_VerifyPIN(m_application, USER_TYPE, const_cast<LPSTR>(userPin), &retries) == SAR_OK;
 }
 
 bool TokenConnection::sm2PublicKey(bool signatureKey, crypto::Sm2PublicKey &key) {

@@ -17,9 +17,6 @@ namespace test {
 // Names of every device in the current store, present or not.
 std::vector<std::string> tokenNames();
 
-// The SKF form of a flat 0x04 || x || y || C2 || C3 ciphertext.
-std::vector<uint8_t> eccCipherBlob(const std::vector<uint8_t> &flat);
-
 class TokenConnection {
  public:
   explicit TokenConnection(const std::string &name);
@@ -30,7 +27,6 @@ class TokenConnection {
   bool connected() const { return m_device != nullptr; }
   std::vector<std::string> applicationNames();
   bool openContainer(const std::string &application, const std::string &container);
-  bool login(const char *userPin);
   HCONTAINER container() const { return m_container; }
 
   bool sm2PublicKey(bool signatureKey, crypto::Sm2PublicKey &key);
