@@ -16,22 +16,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "tests/cli/cli_run.h"
 #include "tests/support/provider_test_support.h"
-
-#ifdef TEMBRA_TEST_HAVE_OPENSSL
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-
-#include "crypto/sm2_z.h"
-#endif
 
 extern char **environ;
 
@@ -153,19 +145,14 @@ Result run(const Child &child) {
   return result;
 }
 
-std::string readText(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // A store with one token ("S" SM2, user PIN 11112222, administrator PIN
 // 87654321), made by tembra itself; the log goes to the store's temporary
 // directory as it would for a user with $TMPDIR set.
-class TembraProcess : public ::testing::Test {
+class TembraProcess : public test::CliStoreTest {
  protected:
   void SetUp() override {
-    writeFile("pin", "11112222\n");
-    writeFile("admin", "87654321\n");
+    writeText("pin", "11112222\n");
+    writeText("admin", "87654321\n");
     m_env = {{"TEMBRA_SOFTSKF_DIR", m_store.path().c_str()},
              {"TMPDIR", m_store.path().c_str()},
              {"TEMBRA_KEY_PROV_LOG_PATH", nullptr},
@@ -183,12 +170,6 @@ class TembraProcess : public ::testing::Test {
     return run(child);
   }
 
-  std::string path(const std::string &name) const { return m_store.path() + "/" + name; }
-  void writeFile(const std::string &name, const std::string &text) const {
-    std::ofstream(path(name), std::ios::binary) << text;
-  }
-
-  test::TokenStore m_store;
   std::map<std::string, const char *> m_env;
 };
 
@@ -200,20 +181,20 @@ TEST_F(TembraProcess, TraceLogIsPrivateAndHoldsNoPinByDefault) {
   struct stat status;
   if (stat(log.c_str(), &status) == 0) {
     EXPECT_EQ(status.st_mode & 0777, 0600u);
-    EXPECT_EQ(readText(log).find("11112222"), std::string::npos);
+    EXPECT_EQ(readText("tembra_key_prov.log").find("11112222"), std::string::npos);
   }
   Result traced = tembra({"login", "--trace", "--pin-file", path("pin")});
   ASSERT_EQ(traced.status, 0) << traced.err;
   EXPECT_NE(traced.err.find("records PINs"), std::string::npos) << traced.err;
   ASSERT_EQ(stat(log.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0600u);
-  EXPECT_NE(readText(log).find("11112222"), std::string::npos);
+  EXPECT_NE(readText("tembra_key_prov.log").find("11112222"), std::string::npos);
 }
 
 // `tembra sign | openssl ...`: the signature alone on standard output, byte
 // for byte, the summary on standard error; the PIN from standard input.
 TEST_F(TembraProcess, SignatureThroughAPipeIsByteExact) {
-  writeFile("message", "pay 100 to Alice");
+  writeText("message", "pay 100 to Alice");
   Result key = tembra({"pubkey", "--label", "S", "--pem"});
   ASSERT_EQ(key.status, 0) << key.err;
   Result sign =
@@ -225,24 +206,8 @@ TEST_F(TembraProcess, SignatureThroughAPipeIsByteExact) {
       "11112222\n");
   EXPECT_EQ(quiet.err, "");
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
-  BIO *bio = BIO_new_mem_buf(key.out.data(), int(key.out.size()));
-  EVP_PKEY *pkey = PEM_read_bio_PUBKEY(bio, nullptr, nullptr, nullptr);
-  BIO_free(bio);
-  ASSERT_NE(pkey, nullptr);
-  for (const std::string *signature : {&sign.out, &quiet.out}) {
-    EVP_MD_CTX *ctx = EVP_MD_CTX_new();
-    EVP_PKEY_CTX *keyCtx = EVP_PKEY_CTX_new(pkey, nullptr);
-    ASSERT_EQ(EVP_PKEY_CTX_set1_id(keyCtx, crypto::kSm2DefaultId, crypto::kSm2DefaultIdSize), 1);
-    EVP_MD_CTX_set_pkey_ctx(ctx, keyCtx);
-    ASSERT_EQ(EVP_DigestVerifyInit(ctx, nullptr, EVP_get_digestbyname("SM3"), nullptr, pkey), 1);
-    EXPECT_EQ(EVP_DigestVerify(ctx, reinterpret_cast<const uint8_t *>(signature->data()),
-                               signature->size(),
-                               reinterpret_cast<const uint8_t *>("pay 100 to Alice"), 16),
-              1);
-    EVP_MD_CTX_free(ctx);
-    EVP_PKEY_CTX_free(keyCtx);
-  }
-  EVP_PKEY_free(pkey);
+  EXPECT_TRUE(test::openSslVerifies(key.out, "SM3", "pay 100 to Alice", sign.out));
+  EXPECT_TRUE(test::openSslVerifies(key.out, "SM3", "pay 100 to Alice", quiet.out));
 #endif
 }
 
