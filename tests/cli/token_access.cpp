@@ -17,6 +17,23 @@ std::vector<std::string> splitNames(const std::vector<char> &list) {
 
 }  // namespace
 
+provision::DeviceSpec oneContainer(provision::KeyKind kind, bool encryption, bool certificates) {
+  provision::DeviceSpec plan;
+  plan.name = "tok";
+  plan.label = "Label";
+  plan.serial = "SN0001";
+  memcpy(plan.authKey, provision::kDefaultAuthKey, 16);
+  provision::ContainerSpec container;
+  container.name = "C1";
+  container.kind = kind;
+  container.encryptionKey = encryption;
+  container.certificates = certificates;
+  plan.applications.resize(1);
+  plan.applications[0].name = "App";
+  plan.applications[0].containers.push_back(container);
+  return plan;
+}
+
 std::vector<std::string> tokenNames() {
   std::vector<char> list(4096, '\0');
   ULONG size = ULONG(list.size());

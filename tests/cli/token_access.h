@@ -10,9 +10,14 @@
 
 #include "crypto/backend.h"
 #include "platform/skf.h"
+#include "softskf/provision/provision.h"
 
 namespace tembra {
 namespace test {
+
+// Token "tok" with application "App" holding container "C1" of the kind.
+provision::DeviceSpec oneContainer(provision::KeyKind kind, bool encryption = true,
+                                   bool certificates = true);
 
 // Names of every device in the current store, present or not.
 std::vector<std::string> tokenNames();
