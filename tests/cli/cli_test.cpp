@@ -2,7 +2,6 @@
 // give status 2 and exactly one line; signatures, encryption and PINs work
 // end to end through the provider loaded at run time, and OpenSSL accepts
 // what `tembra sign` produces.
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,12 +23,6 @@ namespace {
 
 using test::Outcome;
 using test::tembra;
-
-size_t lineCount(const std::string &text) {
-  size_t lines = 0;
-  for (char c : text) lines += c == '\n' ? 1 : 0;
-  return lines;
-}
 
 struct UsageCase {
   std::vector<std::string> words;
@@ -56,8 +49,6 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"devices", "--bogus"}, "devices: unknown option --bogus"},
         UsageCase{{"devices", "surplus"}, "devices: unexpected argument 'surplus'"},
         UsageCase{{"keys", "--device", "x"}, "--device needs a device index (0, 1, ...), not 'x'"},
-        UsageCase{{"keys", "--device", "-1"},
-                  "--device needs a device index (0, 1, ...), not '-1'"},
         UsageCase{{"pubkey", "--label"}, "pubkey: option --label needs a value"},
         UsageCase{{"pubkey", "--label", "a", "--label", "b"}, "pubkey: option --label given twice"},
         UsageCase{{"pubkey", "--pem=yes", "--label", "a"}, "pubkey: option --pem takes no value"},
@@ -95,12 +86,19 @@ INSTANTIATE_TEST_SUITE_P(
             "New user PIN: PIN length out of range (6 to 16 characters)"}));
 
 // Every option of every command is described in its --help, with an
-// example; the man page carries the same text.
+// example; help goes to standard output with status 0.
 TEST(Help, DescribesEveryOptionWithAnExample) {
-  std::ostringstream man;
+  for (const std::vector<std::string> &words :
+       {std::vector<std::string>{"--help"}, {"help"}, {"help", "token"}}) {
+    Outcome run = tembra(words);
+    EXPECT_EQ(run.status, 0) << words.front();
+    EXPECT_EQ(run.out.rfind("usage: tembra", 0), 0u) << run.out;
+  }
   for (const cli::Command &command : cli::allCommands()) {
     Outcome run = tembra({command.name, "--help"});
     ASSERT_EQ(run.status, 0);
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.out.rfind("usage: tembra", 0), 0u) << run.out;
     if (!command.options.empty()) {
       EXPECT_NE(run.out.find("Example:\n  tembra " + std::string(command.name)), std::string::npos)
           << command.name;
@@ -111,16 +109,6 @@ TEST(Help, DescribesEveryOptionWithAnExample) {
     }
   }
   EXPECT_EQ(tembra({"--version"}).out, "tembra 0.1.0\n");
-}
-
-TEST(Help, GoesToStandardOutputWithStatusZero) {
-  for (const std::vector<std::string> &words :
-       {std::vector<std::string>{"--help"}, {"help"}, {"sign", "--help"}, {"help", "token"}}) {
-    Outcome run = tembra(words);
-    EXPECT_EQ(run.status, 0) << words.front();
-    EXPECT_EQ(run.err, "");
-    EXPECT_EQ(run.out.rfind("usage: tembra", 0), 0u) << run.out;
-  }
 }
 
 // A fresh store with one token: "S" an SM2 container, "R" an RSA-1024 one,
@@ -214,8 +202,8 @@ TEST_P(SignAndVerify, SignatureVerifiesAndATamperedMessageDoesNot) {
     size_t recoveredLen = recovered.size();
     EXPECT_EQ(EVP_PKEY_verify_recover_init(recoverCtx), 1);
     EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(recoverCtx, RSA_PKCS1_PADDING), 1);
-    EXPECT_EQ(EVP_PKEY_verify_recover(recoverCtx, recovered.data(), &recoveredLen,
-                                      signature.data(), signature.size()),
+    EXPECT_EQ(EVP_PKEY_verify_recover(recoverCtx, recovered.data(), &recoveredLen, signature.data(),
+                                      signature.size()),
               1);
     recovered.resize(recoveredLen);
     EXPECT_EQ(recovered, expected);
@@ -262,16 +250,6 @@ TEST_F(TembraOnToken, WrongPinReportsTheTriesLeftAndBlocksNothingElse) {
   EXPECT_EQ(tembra({"login", "--pin-env", "TEMBRA_TEST_USER_PIN"}).status, 0);
 }
 
-TEST_F(TembraOnToken, MissingKeyPairAndDeviceAreOneLineFailures) {
-  Outcome noKey = tembra({"pubkey", "--label", "Nope"});
-  EXPECT_EQ(noKey.status, 1);
-  EXPECT_EQ(noKey.err, "tembra: no sign key pair labelled 'Nope'\n");
-  Outcome noDevice = tembra({"keys", "--device", "3"});
-  EXPECT_EQ(noDevice.status, 1);
-  EXPECT_EQ(noDevice.err, "tembra: no device 3 (1 found)\n");
-  EXPECT_EQ(lineCount(noDevice.out), 0u);
-}
-
 // Failures in plain words, one line each. "@" in words and messages stands
 // for the store's directory. Setup commands run first, their results unused.
 struct FailureCase {
@@ -305,6 +283,7 @@ TEST_P(Failures, OneLineInPlainWords) {
   Outcome run = tembra(expand(GetParam().words));
   SKFSoft_ClearFaults();
   EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.out, "");
   EXPECT_EQ(run.err, "tembra: " + expand(GetParam().message) + "\n");
 }
 
@@ -334,6 +313,9 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"PasswdOnLockedAdminPin",
                     std::vector<std::vector<std::string>>(10, kWrongAdmin), kWrongAdmin,
                     "PIN change refused: the administrator PIN is locked and cannot be unblocked"},
+        FailureCase{
+            "NoKeyPair", {}, {"pubkey", "--label", "Nope"}, "no sign key pair labelled 'Nope'"},
+        FailureCase{"NoDevice", {}, {"keys", "--device", "3"}, "no device 3 (1 found)"},
         FailureCase{"PlugUnknownToken",
                     {},
                     {"token", "plug", "nope"},
