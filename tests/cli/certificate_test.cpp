@@ -10,7 +10,6 @@
 #include <openssl/x509v3.h>
 #include <string.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -26,20 +25,13 @@ namespace {
 
 using provision::KeyKind;
 
-struct X509Free {
-  void operator()(X509 *x) const { X509_free(x); }
-};
-struct PkeyFree {
-  void operator()(EVP_PKEY *p) const { EVP_PKEY_free(p); }
-};
-using X509Ptr = std::unique_ptr<X509, X509Free>;
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
-
-X509Ptr parse(const std::vector<uint8_t> &der) {
+// A certificate with nothing after it, or null.
+X509 *parse(const std::vector<uint8_t> &der) {
   const unsigned char *p = der.data();
-  X509Ptr cert(d2i_X509(nullptr, &p, long(der.size())));
-  if (cert != nullptr && p != der.data() + der.size()) return nullptr;  // trailing bytes
-  return cert;
+  X509 *cert = d2i_X509(nullptr, &p, long(der.size()));
+  if (cert != nullptr && p == der.data() + der.size()) return cert;
+  X509_free(cert);  // trailing bytes
+  return nullptr;
 }
 
 // SM2 certificate signatures are made over Z with the default identifier.
@@ -93,13 +85,13 @@ TEST_P(Certificates, ParseCarryTheKeysAndVerify) {
 
   test::TokenConnection token("tok");
   ASSERT_TRUE(token.openContainer("App", "C1"));
-  X509Ptr signCert = parse(token.certificate(true));
-  X509Ptr encCert = parse(token.certificate(false));
+  X509 *signCert = parse(token.certificate(true));
+  X509 *encCert = parse(token.certificate(false));
   ASSERT_NE(signCert, nullptr);
   ASSERT_NE(encCert, nullptr);
 
   const int expectedAlgorithm = sm2 ? NID_SM2_with_SM3 : NID_sha256WithRSAEncryption;
-  for (X509 *cert : {signCert.get(), encCert.get()}) {
+  for (X509 *cert : {signCert, encCert}) {
     EXPECT_EQ(X509_get_version(cert), 2);  // v3
     EXPECT_EQ(X509_get_signature_nid(cert), expectedAlgorithm);
     BIGNUM *serial = ASN1_INTEGER_to_BN(X509_get0_serialNumber(cert), nullptr);
@@ -113,19 +105,23 @@ TEST_P(Certificates, ParseCarryTheKeysAndVerify) {
     EXPECT_LE(X509_cmp_current_time(X509_get0_notBefore(cert)), 0);
   }
 
-  PkeyPtr signKey(X509_get_pubkey(signCert.get()));
-  PkeyPtr encKey(X509_get_pubkey(encCert.get()));
+  EVP_PKEY *signKey = X509_get_pubkey(signCert);
+  EVP_PKEY *encKey = X509_get_pubkey(encCert);
   ASSERT_NE(signKey, nullptr);
   ASSERT_NE(encKey, nullptr);
-  EXPECT_EQ(publicPointOrModulus(signKey.get(), sm2), tokenKey(token, sm2, true));
-  EXPECT_EQ(publicPointOrModulus(encKey.get(), sm2), tokenKey(token, sm2, false));
+  EXPECT_EQ(publicPointOrModulus(signKey, sm2), tokenKey(token, sm2, true));
+  EXPECT_EQ(publicPointOrModulus(encKey, sm2), tokenKey(token, sm2, false));
 
-  EXPECT_TRUE(verifiedBy(signCert.get(), signKey.get(), sm2));
-  EXPECT_TRUE(verifiedBy(encCert.get(), signKey.get(), sm2));
-  EXPECT_FALSE(verifiedBy(encCert.get(), encKey.get(), sm2));
-  EXPECT_EQ(X509_check_issued(signCert.get(), encCert.get()), X509_V_OK);
-  EXPECT_EQ(X509_check_issued(signCert.get(), signCert.get()), X509_V_OK);
-  EXPECT_NE(X509_check_issued(encCert.get(), signCert.get()), X509_V_OK);
+  EXPECT_TRUE(verifiedBy(signCert, signKey, sm2));
+  EXPECT_TRUE(verifiedBy(encCert, signKey, sm2));
+  EXPECT_FALSE(verifiedBy(encCert, encKey, sm2));
+  EXPECT_EQ(X509_check_issued(signCert, encCert), X509_V_OK);
+  EXPECT_EQ(X509_check_issued(signCert, signCert), X509_V_OK);
+  EXPECT_NE(X509_check_issued(encCert, signCert), X509_V_OK);
+  EVP_PKEY_free(signKey);
+  EVP_PKEY_free(encKey);
+  X509_free(signCert);
+  X509_free(encCert);
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, Certificates, ::testing::Values(KeyKind::Sm2, KeyKind::Rsa1024),

@@ -1,5 +1,5 @@
 // Tokens made by the provisioning library, as the token itself sees them:
-// an unformatted token, a name already taken, the clean-up of a failed
+// a name already taken, the clean-up of a failed
 // provisioning (the provider's view of key pair kinds is checked by the
 // provider's own tests). That the encryption key pairs decrypt what is sent to
 // their public keys is checked through `tembra encrypt`/`decrypt`.
@@ -19,16 +19,6 @@ namespace {
 using provision::DeviceSpec;
 using provision::KeyKind;
 using test::oneContainer;
-
-TEST(Provision, NoApplicationGivesAnUnformattedToken) {
-  test::TokenStore store;
-  DeviceSpec plan = oneContainer(KeyKind::Sm2);
-  plan.applications.clear();
-  store.provision(plan);
-  test::TokenConnection token("tok");
-  ASSERT_TRUE(token.connected());
-  EXPECT_EQ(token.applicationNames(), std::vector<std::string>());
-}
 
 TEST(Provision, NameTakenLeavesTheExistingTokenAlone) {
   test::TokenStore store;

@@ -4,19 +4,6 @@
 
 namespace tembra {
 namespace test {
-namespace {
-
-std::vector<std::string> splitNames(const std::vector<char> &list) {
-  std::vector<std::string> names;
-  for (size_t offset = 0; offset < list.size() && list[offset] != '\0';) {
-    names.emplace_back(list.data() + offset);
-    offset += names.back().size() + 1;
-  }
-  return names;
-}
-
-}  // namespace
-
 provision::DeviceSpec oneContainer(provision::KeyKind kind, bool encryption, bool certificates) {
   provision::DeviceSpec plan;
   plan.name = "tok";
@@ -38,7 +25,12 @@ std::vector<std::string> tokenNames() {
   std::vector<char> list(4096, '\0');
   ULONG size = ULONG(list.size());
   if (SKF_EnumDev(FALSE, list.data(), &size) != SAR_OK) return {"<SKF_EnumDev failed>"};
-  return splitNames(list);
+  std::vector<std::string> names;
+  for (size_t offset = 0; offset < list.size() && list[offset] != '\0';) {
+    names.emplace_back(list.data() + offset);
+    offset += names.back().size() + 1;
+  }
+  return names;
 }
 
 TokenConnection::TokenConnection(const std::string &name) {
@@ -52,13 +44,6 @@ TokenConnection::~TokenConnection() {
     SKF_CloseApplication(m_application);
   }
   if (m_device != nullptr) SKF_DisConnectDev(m_device);
-}
-
-std::vector<std::string> TokenConnection::applicationNames() {
-  std::vector<char> list(1024, '\0');
-  ULONG size = ULONG(list.size());
-  if (SKF_EnumApplication(m_device, list.data(), &size) != SAR_OK) return {};
-  return splitNames(list);
 }
 
 bool TokenConnection::openContainer(const std::string &application, const std::string &container) {

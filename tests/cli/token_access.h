@@ -29,8 +29,6 @@ class TokenConnection {
   TokenConnection(const TokenConnection &) = delete;
   TokenConnection &operator=(const TokenConnection &) = delete;
 
-  bool connected() const { return m_device != nullptr; }
-  std::vector<std::string> applicationNames();
   bool openContainer(const std::string &application, const std::string &container);
   HCONTAINER container() const { return m_container; }
 
