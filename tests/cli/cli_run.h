@@ -23,6 +23,14 @@ struct Outcome {
 
 Outcome tembra(const std::vector<std::string> &words);
 
+#ifdef TEMBRA_TEST_HAVE_OPENSSL
+// Whether OpenSSL, as the independent party, accepts the signature of the
+// message under the PEM public key: SM2 with the default identifier, RSA as
+// PKCS #1 v1.5; digest "SM3" or "SHA256".
+bool openSslVerifies(const std::string &pem, const char *digest, const std::string &message,
+                     const std::string &signature);
+#endif
+
 class CliStoreTest : public ::testing::Test {
  protected:
   std::string path(const std::string &name) const { return m_store.path() + "/" + name; }

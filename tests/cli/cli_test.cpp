@@ -2,10 +2,6 @@
 // give status 2 and exactly one line; signatures, encryption and PINs work
 // end to end through the provider loaded at run time, and OpenSSL accepts
 // what `tembra sign` produces.
-#include <stdio.h>
-
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,8 +16,6 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
-
-#include "crypto/sm2_z.h"
 #endif
 
 namespace tembra {
@@ -29,12 +23,6 @@ namespace {
 
 using test::Outcome;
 using test::tembra;
-
-size_t lineCount(const std::string &text) {
-  size_t lines = 0;
-  for (char c : text) lines += c == '\n' ? 1 : 0;
-  return lines;
-}
 
 struct UsageCase {
   std::vector<std::string> words;
@@ -61,8 +49,6 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"devices", "--bogus"}, "devices: unknown option --bogus"},
         UsageCase{{"devices", "surplus"}, "devices: unexpected argument 'surplus'"},
         UsageCase{{"keys", "--device", "x"}, "--device needs a device index (0, 1, ...), not 'x'"},
-        UsageCase{{"keys", "--device", "-1"},
-                  "--device needs a device index (0, 1, ...), not '-1'"},
         UsageCase{{"pubkey", "--label"}, "pubkey: option --label needs a value"},
         UsageCase{{"pubkey", "--label", "a", "--label", "b"}, "pubkey: option --label given twice"},
         UsageCase{{"pubkey", "--pem=yes", "--label", "a"}, "pubkey: option --pem takes no value"},
@@ -100,12 +86,19 @@ INSTANTIATE_TEST_SUITE_P(
             "New user PIN: PIN length out of range (6 to 16 characters)"}));
 
 // Every option of every command is described in its --help, with an
-// example; the man page carries the same text.
+// example; help goes to standard output with status 0.
 TEST(Help, DescribesEveryOptionWithAnExample) {
-  std::ostringstream man;
+  for (const std::vector<std::string> &words :
+       {std::vector<std::string>{"--help"}, {"help"}, {"help", "token"}}) {
+    Outcome run = tembra(words);
+    EXPECT_EQ(run.status, 0) << words.front();
+    EXPECT_EQ(run.out.rfind("usage: tembra", 0), 0u) << run.out;
+  }
   for (const cli::Command &command : cli::allCommands()) {
     Outcome run = tembra({command.name, "--help"});
     ASSERT_EQ(run.status, 0);
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.out.rfind("usage: tembra", 0), 0u) << run.out;
     if (!command.options.empty()) {
       EXPECT_NE(run.out.find("Example:\n  tembra " + std::string(command.name)), std::string::npos)
           << command.name;
@@ -116,16 +109,6 @@ TEST(Help, DescribesEveryOptionWithAnExample) {
     }
   }
   EXPECT_EQ(tembra({"--version"}).out, "tembra 0.1.0\n");
-}
-
-TEST(Help, GoesToStandardOutputWithStatusZero) {
-  for (const std::vector<std::string> &words :
-       {std::vector<std::string>{"--help"}, {"help"}, {"sign", "--help"}, {"help", "token"}}) {
-    Outcome run = tembra(words);
-    EXPECT_EQ(run.status, 0) << words.front();
-    EXPECT_EQ(run.err, "");
-    EXPECT_EQ(run.out.rfind("usage: tembra", 0), 0u) << run.out;
-  }
 }
 
 // A fresh store with one token: "S" an SM2 container, "R" an RSA-1024 one,
@@ -193,51 +176,40 @@ TEST_P(SignAndVerify, SignatureVerifiesAndATamperedMessageDoesNot) {
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
   // OpenSSL as the independent party: SM2 over SM3 with the default
   // identifier; RSA as PKCS #1 v1.5 with the DigestInfo of the hash.
-  FILE *file = fopen(path("key.pem").c_str(), "r");
-  ASSERT_NE(file, nullptr);
-  EVP_PKEY *key = PEM_read_PUBKEY(file, nullptr, nullptr, nullptr);
-  fclose(file);
-  ASSERT_NE(key, nullptr);
-  const std::vector<uint8_t> message = readBytes("message");
-  const std::vector<uint8_t> signature = readBytes("sig");
-  if (label == "R" && hash == "sm3") {
+  const std::string pem = readText("key.pem");
+  if (label == "S" || hash == "sha256") {
+    EXPECT_TRUE(test::openSslVerifies(pem, hash == "sm3" ? "SM3" : "SHA256", readText("message"),
+                                      readText("sig")));
+  } else {
     // OpenSSL 3.0 does not sign RSA over SM3; recover the block and compare
     // it with the DigestInfo of the SM3 digest (OID 1.2.156.10197.1.401).
     std::vector<uint8_t> expected = {0x30, 0x30, 0x30, 0x0c, 0x06, 0x08, 0x2a, 0x81, 0x1c,
                                      0xcf, 0x55, 0x01, 0x83, 0x11, 0x05, 0x00, 0x04, 0x20};
+    const std::vector<uint8_t> message = readBytes("message");
+    const std::vector<uint8_t> signature = readBytes("sig");
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int digestLen = 0;
     ASSERT_EQ(EVP_Digest(message.data(), message.size(), digest, &digestLen,
                          EVP_get_digestbyname("SM3"), nullptr),
               1);
     expected.insert(expected.end(), digest, digest + digestLen);
+    BIO *bio = BIO_new_mem_buf(pem.data(), int(pem.size()));
+    EVP_PKEY *key = PEM_read_bio_PUBKEY(bio, nullptr, nullptr, nullptr);
+    BIO_free(bio);
+    ASSERT_NE(key, nullptr);
     EVP_PKEY_CTX *recoverCtx = EVP_PKEY_CTX_new(key, nullptr);
-    ASSERT_EQ(EVP_PKEY_verify_recover_init(recoverCtx), 1);
-    ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(recoverCtx, RSA_PKCS1_PADDING), 1);
     std::vector<uint8_t> recovered(512);
     size_t recoveredLen = recovered.size();
-    ASSERT_EQ(EVP_PKEY_verify_recover(recoverCtx, recovered.data(), &recoveredLen, signature.data(),
+    EXPECT_EQ(EVP_PKEY_verify_recover_init(recoverCtx), 1);
+    EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(recoverCtx, RSA_PKCS1_PADDING), 1);
+    EXPECT_EQ(EVP_PKEY_verify_recover(recoverCtx, recovered.data(), &recoveredLen, signature.data(),
                                       signature.size()),
               1);
     recovered.resize(recoveredLen);
     EXPECT_EQ(recovered, expected);
     EVP_PKEY_CTX_free(recoverCtx);
-  } else {
-    EVP_MD_CTX *ctx = EVP_MD_CTX_new();
-    EVP_PKEY_CTX *keyCtx = EVP_PKEY_CTX_new(key, nullptr);
-    if (label == "S") {
-      ASSERT_EQ(EVP_PKEY_CTX_set1_id(keyCtx, crypto::kSm2DefaultId, crypto::kSm2DefaultIdSize), 1);
-    }
-    EVP_MD_CTX_set_pkey_ctx(ctx, keyCtx);
-    const EVP_MD *md = EVP_get_digestbyname(hash == "sm3" ? "SM3" : "SHA256");
-    ASSERT_EQ(EVP_DigestVerifyInit(ctx, nullptr, md, nullptr, key), 1);
-    EXPECT_EQ(
-        EVP_DigestVerify(ctx, signature.data(), signature.size(), message.data(), message.size()),
-        1);
-    EVP_MD_CTX_free(ctx);
-    EVP_PKEY_CTX_free(keyCtx);
+    EVP_PKEY_free(key);
   }
-  EVP_PKEY_free(key);
 #endif
 }
 
@@ -278,16 +250,6 @@ TEST_F(TembraOnToken, WrongPinReportsTheTriesLeftAndBlocksNothingElse) {
   EXPECT_EQ(tembra({"login", "--pin-env", "TEMBRA_TEST_USER_PIN"}).status, 0);
 }
 
-TEST_F(TembraOnToken, MissingKeyPairAndDeviceAreOneLineFailures) {
-  Outcome noKey = tembra({"pubkey", "--label", "Nope"});
-  EXPECT_EQ(noKey.status, 1);
-  EXPECT_EQ(noKey.err, "tembra: no sign key pair labelled 'Nope'\n");
-  Outcome noDevice = tembra({"keys", "--device", "3"});
-  EXPECT_EQ(noDevice.status, 1);
-  EXPECT_EQ(noDevice.err, "tembra: no device 3 (1 found)\n");
-  EXPECT_EQ(lineCount(noDevice.out), 0u);
-}
-
 // Failures in plain words, one line each. "@" in words and messages stands
 // for the store's directory. Setup commands run first, their results unused.
 struct FailureCase {
@@ -321,6 +283,7 @@ TEST_P(Failures, OneLineInPlainWords) {
   Outcome run = tembra(expand(GetParam().words));
   SKFSoft_ClearFaults();
   EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.out, "");
   EXPECT_EQ(run.err, "tembra: " + expand(GetParam().message) + "\n");
 }
 
@@ -350,6 +313,9 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"PasswdOnLockedAdminPin",
                     std::vector<std::vector<std::string>>(10, kWrongAdmin), kWrongAdmin,
                     "PIN change refused: the administrator PIN is locked and cannot be unblocked"},
+        FailureCase{
+            "NoKeyPair", {}, {"pubkey", "--label", "Nope"}, "no sign key pair labelled 'Nope'"},
+        FailureCase{"NoDevice", {}, {"keys", "--device", "3"}, "no device 3 (1 found)"},
         FailureCase{"PlugUnknownToken",
                     {},
                     {"token", "plug", "nope"},

@@ -8,19 +8,19 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "cli/commands.h"
+#include "tests/cli/cli_run.h"
 #include "tests/support/provider_test_support.h"
 
 namespace tembra {
 namespace {
+
+using test::Outcome;
+using test::tembra;
 
 enum class Form { Pkcs8Pem, Pkcs8Der, TraditionalPem, TraditionalDer };
 
@@ -31,18 +31,6 @@ struct ImportCase {
   bool enveloped;
   Form form;
 };
-
-int run(const std::vector<std::string> &words, std::string *err = nullptr) {
-  std::ostringstream out, errors;
-  const int status = cli::tembraMain(words, out, errors);
-  if (err != nullptr) *err = errors.str();
-  return status;
-}
-
-std::vector<uint8_t> readBytes(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 bool writeKey(EVP_PKEY *key, Form form, const std::string &path) {
   BIO *bio = BIO_new_file(path.c_str(), "wb");
@@ -66,18 +54,20 @@ bool writeKey(EVP_PKEY *key, Form form, const std::string &path) {
   return ok == 1;
 }
 
-class ImportCommand : public ::testing::TestWithParam<ImportCase> {
+// One token: "S" an SM2 and "R" an RSA-1024 signature key pair, no
+// encryption key pairs yet.
+class ImportBase : public test::CliStoreTest {
  protected:
   void SetUp() override {
     test::setEnv("TEMBRA_TEST_USER_PIN", "11112222");
-    ASSERT_EQ(0, run({"token", "create", "tok", "--container", "S:sm2:noenc:nocert", "--container",
-                      "R:rsa1024:noenc:nocert", "--user-pin-env", "TEMBRA_TEST_USER_PIN",
-                      "--default-pins"}));
+    ASSERT_EQ(0, tembra({"token", "create", "tok", "--container", "S:sm2:noenc:nocert",
+                         "--container", "R:rsa1024:noenc:nocert", "--user-pin-env",
+                         "TEMBRA_TEST_USER_PIN", "--default-pins"})
+                     .status);
   }
-  std::string path(const std::string &name) const { return m_store.path() + "/" + name; }
-
-  test::TokenStore m_store;
 };
+
+class ImportCommand : public ImportBase, public ::testing::WithParamInterface<ImportCase> {};
 
 TEST_P(ImportCommand, InstalledKeyDecryptsOnTheToken) {
   const ImportCase &c = GetParam();
@@ -89,31 +79,27 @@ TEST_P(ImportCommand, InstalledKeyDecryptsOnTheToken) {
   const std::vector<uint8_t> spki(der, der + derLen);
   OPENSSL_free(der);
   EVP_PKEY_free(key);
+  writeText("plain", "for the imported key");
 
-  std::string err;
-  std::vector<std::string> import = {"import", "--label", c.label, "--pin-env",
-                                     "TEMBRA_TEST_USER_PIN"};
-  if (c.enveloped) {
-    ASSERT_EQ(0, run({"pubkey", "--label", c.label, "--pem", "-o", path("sign.pem")}));
-    ASSERT_EQ(0, run({"envelope", "--to", path("sign.pem"), "-i", path("enc.key"), "-o",
-                      path("enc.blob")},
-                     &err))
-        << err;
-    import.insert(import.end(), {"--enveloped", "-i", path("enc.blob")});
-  } else {
-    import.insert(import.end(), {"-i", path("enc.key")});
+  const std::string label = c.label;
+  const std::string pin = "TEMBRA_TEST_USER_PIN";
+  std::vector<std::vector<std::string>> steps = {
+      {"pubkey", "--label", label, "--pem", "-o", path("sign.pem")},
+      {"envelope", "--to", path("sign.pem"), "-i", path("enc.key"), "-o", path("enc.blob")},
+      {"import", "--label", label, "--pin-env", pin, "--enveloped", "-i", path("enc.blob")},
+      {"pubkey", "--label", label, "--type", "enc", "-o", path("enc.spki")},
+      {"encrypt", "--label", label, "-i", path("plain"), "-o", path("cipher")},
+      {"decrypt", "--label", label, "-i", path("cipher"), "-o", path("back"), "--pin-env", pin}};
+  if (!c.enveloped) {
+    steps.erase(steps.begin(), steps.begin() + 2);
+    steps[0] = {"import", "--label", label, "--pin-env", pin, "-i", path("enc.key")};
   }
-  ASSERT_EQ(0, run(import, &err)) << err;
-
-  ASSERT_EQ(0, run({"pubkey", "--label", c.label, "--type", "enc", "-o", path("enc.spki")}));
-  EXPECT_EQ(spki, readBytes(path("enc.spki")));
-  std::ofstream(path("plain"), std::ios::binary) << "for the imported key";
-  ASSERT_EQ(0, run({"encrypt", "--label", c.label, "-i", path("plain"), "-o", path("cipher")}));
-  ASSERT_EQ(0, run({"decrypt", "--label", c.label, "-i", path("cipher"), "-o", path("back"),
-                    "--pin-env", "TEMBRA_TEST_USER_PIN"},
-                   &err))
-      << err;
-  EXPECT_EQ(readBytes(path("plain")), readBytes(path("back")));
+  for (const std::vector<std::string> &words : steps) {
+    Outcome run = tembra(words);
+    ASSERT_EQ(run.status, 0) << words[0] << ": " << run.err;
+  }
+  EXPECT_EQ(spki, readBytes("enc.spki"));
+  EXPECT_EQ(readBytes("plain"), readBytes("back"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -125,22 +111,15 @@ INSTANTIATE_TEST_SUITE_P(
                       ImportCase{"rsa_plain_pkcs8_der", "R", false, false, Form::Pkcs8Der}),
     [](const ::testing::TestParamInfo<ImportCase> &param) { return param.param.name; });
 
-TEST(EnvelopeCommand, RefusesARecipientOfTheOtherAlgorithm) {
-  test::TokenStore store;
-  const std::string dir = store.path();
+TEST_F(ImportBase, EnvelopeRefusesARecipientOfTheOtherAlgorithm) {
   EVP_PKEY *sm2 = EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2");
-  EVP_PKEY *rsa = EVP_RSA_gen(1024);
-  ASSERT_TRUE(writeKey(sm2, Form::Pkcs8Pem, dir + "/sm2.key"));
-  BIO *bio = BIO_new_file((dir + "/rsa.pub").c_str(), "wb");
-  PEM_write_bio_PUBKEY(bio, rsa);
-  BIO_free(bio);
+  ASSERT_TRUE(writeKey(sm2, Form::Pkcs8Pem, path("sm2.key")));
   EVP_PKEY_free(sm2);
-  EVP_PKEY_free(rsa);
-  std::string err;
-  EXPECT_EQ(1,
-            run({"envelope", "--to", dir + "/rsa.pub", "-i", dir + "/sm2.key", "-o", dir + "/blob"},
-                &err));
-  EXPECT_EQ("tembra: an SM2 key pair needs an SM2 signature public key\n", err);
+  ASSERT_EQ(0, tembra({"pubkey", "--label", "R", "--pem", "-o", path("rsa.pem")}).status);
+  Outcome run =
+      tembra({"envelope", "--to", path("rsa.pem"), "-i", path("sm2.key"), "-o", path("blob")});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "tembra: an SM2 key pair needs an SM2 signature public key\n");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #ifndef _WIN32
 
 #include <fcntl.h>
+#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -16,22 +17,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "tests/cli/cli_run.h"
 #include "tests/support/provider_test_support.h"
-
-#ifdef TEMBRA_TEST_HAVE_OPENSSL
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-
-#include "crypto/sm2_z.h"
-#endif
 
 extern char **environ;
 
@@ -153,19 +146,14 @@ Result run(const Child &child) {
   return result;
 }
 
-std::string readText(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // A store with one token ("S" SM2, user PIN 11112222, administrator PIN
 // 87654321), made by tembra itself; the log goes to the store's temporary
 // directory as it would for a user with $TMPDIR set.
-class TembraProcess : public ::testing::Test {
+class TembraProcess : public test::CliStoreTest {
  protected:
   void SetUp() override {
-    writeFile("pin", "11112222\n");
-    writeFile("admin", "87654321\n");
+    writeText("pin", "11112222\n");
+    writeText("admin", "87654321\n");
     m_env = {{"TEMBRA_SOFTSKF_DIR", m_store.path().c_str()},
              {"TMPDIR", m_store.path().c_str()},
              {"TEMBRA_KEY_PROV_LOG_PATH", nullptr},
@@ -182,13 +170,17 @@ class TembraProcess : public ::testing::Test {
     child.input = input;
     return run(child);
   }
-
-  std::string path(const std::string &name) const { return m_store.path() + "/" + name; }
-  void writeFile(const std::string &name, const std::string &text) const {
-    std::ofstream(path(name), std::ios::binary) << text;
+  // With standard input (prompts, progress) or standard output on a terminal.
+  Result onTerminal(std::vector<std::string> words, bool input,
+                    std::vector<std::pair<std::string, std::string>> dialogue = {}) {
+    Child child;
+    child.words = std::move(words);
+    child.env = m_env;
+    (input ? child.in : child.out) = Stream::Terminal;
+    child.dialogue = std::move(dialogue);
+    return run(child);
   }
 
-  test::TokenStore m_store;
   std::map<std::string, const char *> m_env;
 };
 
@@ -200,20 +192,20 @@ TEST_F(TembraProcess, TraceLogIsPrivateAndHoldsNoPinByDefault) {
   struct stat status;
   if (stat(log.c_str(), &status) == 0) {
     EXPECT_EQ(status.st_mode & 0777, 0600u);
-    EXPECT_EQ(readText(log).find("11112222"), std::string::npos);
+    EXPECT_EQ(readText("tembra_key_prov.log").find("11112222"), std::string::npos);
   }
   Result traced = tembra({"login", "--trace", "--pin-file", path("pin")});
   ASSERT_EQ(traced.status, 0) << traced.err;
   EXPECT_NE(traced.err.find("records PINs"), std::string::npos) << traced.err;
   ASSERT_EQ(stat(log.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0600u);
-  EXPECT_NE(readText(log).find("11112222"), std::string::npos);
+  EXPECT_NE(readText("tembra_key_prov.log").find("11112222"), std::string::npos);
 }
 
 // `tembra sign | openssl ...`: the signature alone on standard output, byte
 // for byte, the summary on standard error; the PIN from standard input.
 TEST_F(TembraProcess, SignatureThroughAPipeIsByteExact) {
-  writeFile("message", "pay 100 to Alice");
+  writeText("message", "pay 100 to Alice");
   Result key = tembra({"pubkey", "--label", "S", "--pem"});
   ASSERT_EQ(key.status, 0) << key.err;
   Result sign =
@@ -225,24 +217,8 @@ TEST_F(TembraProcess, SignatureThroughAPipeIsByteExact) {
       "11112222\n");
   EXPECT_EQ(quiet.err, "");
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
-  BIO *bio = BIO_new_mem_buf(key.out.data(), int(key.out.size()));
-  EVP_PKEY *pkey = PEM_read_bio_PUBKEY(bio, nullptr, nullptr, nullptr);
-  BIO_free(bio);
-  ASSERT_NE(pkey, nullptr);
-  for (const std::string *signature : {&sign.out, &quiet.out}) {
-    EVP_MD_CTX *ctx = EVP_MD_CTX_new();
-    EVP_PKEY_CTX *keyCtx = EVP_PKEY_CTX_new(pkey, nullptr);
-    ASSERT_EQ(EVP_PKEY_CTX_set1_id(keyCtx, crypto::kSm2DefaultId, crypto::kSm2DefaultIdSize), 1);
-    EVP_MD_CTX_set_pkey_ctx(ctx, keyCtx);
-    ASSERT_EQ(EVP_DigestVerifyInit(ctx, nullptr, EVP_get_digestbyname("SM3"), nullptr, pkey), 1);
-    EXPECT_EQ(EVP_DigestVerify(ctx, reinterpret_cast<const uint8_t *>(signature->data()),
-                               signature->size(),
-                               reinterpret_cast<const uint8_t *>("pay 100 to Alice"), 16),
-              1);
-    EVP_MD_CTX_free(ctx);
-    EVP_PKEY_CTX_free(keyCtx);
-  }
-  EVP_PKEY_free(pkey);
+  EXPECT_TRUE(test::openSslVerifies(key.out, "SM3", "pay 100 to Alice", sign.out));
+  EXPECT_TRUE(test::openSslVerifies(key.out, "SM3", "pay 100 to Alice", quiet.out));
 #endif
 }
 
@@ -256,11 +232,7 @@ TEST_F(TembraProcess, BinaryIsRefusedOnATerminal) {
        {Case{{"pubkey", "--label", "S"}, 1}, Case{{"cert", "get", "--label", "S"}, 1},
         Case{{"pubkey", "--label", "S", "--force"}, 0},
         Case{{"pubkey", "--label", "S", "--pem"}, 0}}) {
-    Child child;
-    child.words = c.words;
-    child.env = m_env;
-    child.out = Stream::Terminal;
-    Result result = run(child);
+    Result result = onTerminal(c.words, false);
     EXPECT_EQ(result.status, c.status) << c.words.back() << ": " << result.err;
     if (c.status == 1) {
       EXPECT_NE(result.err.find("refusing to write binary data to the terminal"),
@@ -295,12 +267,7 @@ TEST_F(TembraProcess, NewPinsAreAskedTwiceWithoutEcho) {
        0,
        "token"}};
   for (const Case &c : cases) {
-    Child child;
-    child.words = c.words;
-    child.env = m_env;
-    child.in = Stream::Terminal;
-    child.dialogue = c.dialogue;
-    Result result = run(child);
+    Result result = onTerminal(c.words, true, c.dialogue);
     EXPECT_EQ(result.status, c.status) << result.terminal;
     EXPECT_NE((result.out + result.terminal).find(c.message), std::string::npos)
         << result.out << result.terminal;
@@ -320,9 +287,9 @@ TEST_F(TembraProcess, NewPinsAreAskedTwiceWithoutEcho) {
 TEST_F(TembraProcess, LargeInputTakesBoundedMemory) {
 #if defined(__SANITIZE_ADDRESS__)
   // AddressSanitizer holds freed memory back in quarantine: no bound holds.
-  const bool memoryBounded = false;
+  const long boundKiB = LONG_MAX;
 #else
-  const bool memoryBounded = true;
+  const long boundKiB = 24 * 1024;
 #endif
   const std::string big = path("big");
   const off_t size = off_t(48) << 20;
@@ -333,19 +300,11 @@ TEST_F(TembraProcess, LargeInputTakesBoundedMemory) {
   Result sign =
       tembra({"sign", "--label", "S", "-i", big, "-o", path("big.sig"), "--pin-file", path("pin")});
   ASSERT_EQ(sign.status, 0) << sign.err;
-  if (memoryBounded) {
-    EXPECT_LT(sign.maxRssKiB, 24 * 1024) << "KiB";
-  }
+  EXPECT_LT(sign.maxRssKiB, boundKiB) << "KiB";
   // On a terminal a progress bar shows while the input is read.
-  Child verify;
-  verify.words = {"verify", "--label", "S", "-i", big, "-s", path("big.sig")};
-  verify.env = m_env;
-  verify.in = Stream::Terminal;
-  Result verified = run(verify);
+  Result verified = onTerminal({"verify", "--label", "S", "-i", big, "-s", path("big.sig")}, true);
   EXPECT_EQ(verified.status, 0) << verified.terminal;
-  if (memoryBounded) {
-    EXPECT_LT(verified.maxRssKiB, 24 * 1024) << "KiB";
-  }
+  EXPECT_LT(verified.maxRssKiB, boundKiB) << "KiB";
   EXPECT_NE(verified.terminal.find("hashing ["), std::string::npos);
   EXPECT_NE(verified.terminal.find("] 100% of 48.0 MiB"), std::string::npos);
 }

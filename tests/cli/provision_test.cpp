@@ -1,16 +1,13 @@
-// Tokens made by the provisioning library, as the provider and the token
-// itself see them: key pair counts per container kind, the clean-up of a
-// failed provisioning, and encryption key pairs whose private halves match
-// their public keys.
-#include <string.h>
-
+// Tokens made by the provisioning library, as the token itself sees them:
+// a name already taken, the clean-up of a failed
+// provisioning (the provider's view of key pair kinds is checked by the
+// provider's own tests). That the encryption key pairs decrypt what is sent to
+// their public keys is checked through `tembra encrypt`/`decrypt`.
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "crypto/backend.h"
-#include "include/tembra_key_prov.h"
 #include "softskf/include/softskf.h"
 #include "softskf/provision/provision.h"
 #include "tests/cli/token_access.h"
@@ -19,118 +16,22 @@
 namespace tembra {
 namespace {
 
-using provision::ContainerSpec;
 using provision::DeviceSpec;
 using provision::KeyKind;
-
-DeviceSpec oneContainer(const ContainerSpec &container) {
-  DeviceSpec plan;
-  plan.name = "tok";
-  plan.label = "Label";
-  plan.serial = "SN0001";
-  memcpy(plan.authKey, provision::kDefaultAuthKey, 16);
-  provision::ApplicationSpec application;
-  application.name = "App";
-  application.containers.push_back(container);
-  plan.applications.push_back(application);
-  return plan;
-}
-
-ContainerSpec container(KeyKind kind, bool encryption = true, bool certificates = true) {
-  ContainerSpec plan;
-  plan.name = "C1";
-  plan.kind = kind;
-  plan.encryptionKey = encryption;
-  plan.certificates = certificates;
-  return plan;
-}
-
-// What the provider reports for the first device.
-struct ProviderView {
-  int devices = -1;
-  std::vector<int> types;  // per key pair, in the provider's order
-  std::vector<int> bits;
-  std::vector<int> certificates;
-};
-
-ProviderView viewThroughProvider() {
-  ProviderView view;
-  EXPECT_EQ(DeviceInit(), 1);
-  SPI_DEVICESET_HANDLE set = DeviceGetAllDevices();
-  view.devices = DeviceGetDeviceCount(set);
-  if (view.devices > 0) {
-    SPI_DEVICE_HANDLE device = DeviceGetDevice(set, 0);
-    for (int i = 0; i < DeviceGetKeypairCount(device); ++i) {
-      SPI_KEYPAIR_HANDLE keypair = DeviceGetKeypair(device, i);
-      view.types.push_back(DeviceGetKeypairType(keypair));
-      view.bits.push_back(DeviceGetKeypairBits(keypair));
-      view.certificates.push_back(DeviceGetCertificateCount(keypair));
-      DeviceFreeKeypair(keypair);
-    }
-    DeviceFreeDevice(device);
-  }
-  DeviceFreeDevices(set);
-  DeviceEnd();
-  return view;
-}
-
-struct KindCase {
-  const char *name;
-  ContainerSpec container;
-  std::vector<int> types;
-  std::vector<int> bits;
-  std::vector<int> certificates;
-};
-
-class ProvisionKinds : public ::testing::TestWithParam<KindCase> {};
-
-TEST_P(ProvisionKinds, ProviderSeesTheKeyPairsAskedFor) {
-  test::TokenStore store;
-  const KindCase &c = GetParam();
-  store.provision(oneContainer(c.container));
-  ProviderView view = viewThroughProvider();
-  EXPECT_EQ(view.devices, 1);
-  EXPECT_EQ(view.types, c.types);
-  EXPECT_EQ(view.bits, c.bits);
-  EXPECT_EQ(view.certificates, c.certificates);
-}
-
-const int kSign = ORVEL_PKI_KEYPAIRTYPE_SIGNATURE;
-const int kEnc = ORVEL_PKI_KEYPAIRTYPE_ENCRYPT;
-
-INSTANTIATE_TEST_SUITE_P(
-    Kinds, ProvisionKinds,
-    ::testing::Values(
-        KindCase{"Sm2", container(KeyKind::Sm2), {kSign, kEnc}, {256, 256}, {1, 1}},
-        KindCase{"Sm2NoEncryption", container(KeyKind::Sm2, false), {kSign}, {256}, {1}},
-        KindCase{"Sm2NoCertificates",
-                 container(KeyKind::Sm2, true, false),
-                 {kSign, kEnc},
-                 {256, 256},
-                 {0, 0}},
-        KindCase{"Rsa1024", container(KeyKind::Rsa1024), {kSign, kEnc}, {1024, 1024}, {1, 1}},
-        KindCase{"Empty", container(KeyKind::Empty), {}, {}, {}}),
-    [](const ::testing::TestParamInfo<KindCase> &param) { return std::string(param.param.name); });
-
-TEST(Provision, NoApplicationGivesAnUnformattedToken) {
-  test::TokenStore store;
-  DeviceSpec plan = oneContainer(container(KeyKind::Sm2));
-  plan.applications.clear();
-  store.provision(plan);
-  test::TokenConnection token("tok");
-  ASSERT_TRUE(token.connected());
-  EXPECT_EQ(token.applicationNames(), std::vector<std::string>());
-  EXPECT_EQ(viewThroughProvider().devices, 1);
-}
+using test::oneContainer;
 
 TEST(Provision, NameTakenLeavesTheExistingTokenAlone) {
   test::TokenStore store;
-  store.provision(oneContainer(container(KeyKind::Sm2, false)));
+  store.provision(oneContainer(KeyKind::Sm2, false));
   std::string error;
-  EXPECT_EQ(provision::provisionDevice(oneContainer(container(KeyKind::Empty)), &error),
+  EXPECT_EQ(provision::provisionDevice(oneContainer(KeyKind::Empty), &error),
             ULONG(SAR_FILE_ALREADY_EXIST));
   EXPECT_NE(error.find("SKFSoft_CreateDevice"), std::string::npos) << error;
-  EXPECT_EQ(viewThroughProvider().types, std::vector<int>{kSign});
+  test::TokenConnection token("tok");
+  ASSERT_TRUE(token.openContainer("App", "C1"));
+  crypto::Sm2PublicKey key;
+  EXPECT_TRUE(token.sm2PublicKey(true, key));
+  EXPECT_FALSE(token.sm2PublicKey(false, key));
 }
 
 // A failure part way removes the half-made token and names the step.
@@ -146,7 +47,7 @@ TEST_P(ProvisionFailure, RemovesTheTokenAndNamesTheStep) {
   const ULONG injected = SAR_NO_ROOM;
   ASSERT_EQ(SKFSoft_SetFault(GetParam().function, injected, 1), ULONG(SAR_OK));
   std::string error;
-  EXPECT_EQ(provision::provisionDevice(oneContainer(container(KeyKind::Sm2)), &error), injected);
+  EXPECT_EQ(provision::provisionDevice(oneContainer(KeyKind::Sm2), &error), injected);
   EXPECT_NE(error.find(GetParam().step), std::string::npos) << error;
   EXPECT_NE(error.find("0x0A000030"), std::string::npos) << error;
   EXPECT_EQ(test::tokenNames(), std::vector<std::string>());
@@ -165,7 +66,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Provision, LeavesTheApplicationLoggedOut) {
   test::TokenStore store;
-  store.provision(oneContainer(container(KeyKind::Sm2, false, false)));
+  store.provision(oneContainer(KeyKind::Sm2, false, false));
   test::TokenConnection token("tok");
   ASSERT_TRUE(token.openContainer("App", "C1"));
   ECCSIGNATUREBLOB signature;
@@ -173,48 +74,6 @@ TEST(Provision, LeavesTheApplicationLoggedOut) {
   EXPECT_EQ(SKF_ECCSignData(token.container(), digest, 32, &signature),
             ULONG(SAR_USER_NOT_LOGGED_IN));
 }
-
-// The imported encryption key pair decrypts what is encrypted to its
-// exported public key: the envelope carried the matching private key.
-class EncryptionKeyPair : public ::testing::TestWithParam<KeyKind> {};
-
-TEST_P(EncryptionKeyPair, DecryptsToItsOwnPublicKey) {
-  test::TokenStore store;
-  store.provision(oneContainer(container(GetParam(), true, false)));
-  test::TokenConnection token("tok");
-  ASSERT_TRUE(token.openContainer("App", "C1"));
-  ASSERT_TRUE(token.login("12345678"));
-  const uint8_t message[] = "the envelope carried the right key";
-  std::vector<uint8_t> plain(512);
-  ULONG plainLen = ULONG(plain.size());
-  if (GetParam() == KeyKind::Sm2) {
-    crypto::Sm2PublicKey key;
-    ASSERT_TRUE(token.sm2PublicKey(false, key));
-    std::vector<uint8_t> flat;
-    ASSERT_TRUE(crypto::sm2Encrypt(key, message, sizeof(message), flat));
-    std::vector<uint8_t> blob = test::eccCipherBlob(flat);
-    ASSERT_EQ(
-        SKF_ECCDecrypt(token.container(), FALSE, reinterpret_cast<ECCCIPHERBLOB *>(blob.data()),
-                       plain.data(), &plainLen),
-        ULONG(SAR_OK));
-  } else {
-    crypto::RsaPublicKey key;
-    ASSERT_TRUE(token.rsaPublicKey(false, key));
-    std::vector<uint8_t> cipher;
-    ASSERT_TRUE(crypto::rsaEncryptPkcs1(key, message, sizeof(message), cipher));
-    ASSERT_EQ(SKF_RSADecrypt(token.container(), FALSE, cipher.data(), ULONG(cipher.size()),
-                             plain.data(), &plainLen),
-              ULONG(SAR_OK));
-  }
-  plain.resize(plainLen);
-  EXPECT_EQ(plain, std::vector<uint8_t>(message, message + sizeof(message)));
-}
-
-INSTANTIATE_TEST_SUITE_P(Kinds, EncryptionKeyPair,
-                         ::testing::Values(KeyKind::Sm2, KeyKind::Rsa1024),
-                         [](const ::testing::TestParamInfo<KeyKind> &param) {
-                           return std::string(param.param == KeyKind::Sm2 ? "Sm2" : "Rsa1024");
-                         });
 
 }  // namespace
 }  // namespace tembra

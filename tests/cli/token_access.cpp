@@ -1,42 +1,36 @@
 #include "tests/cli/token_access.h"
 
-#include <stddef.h>
 #include <string.h>
 
 namespace tembra {
 namespace test {
-namespace {
+provision::DeviceSpec oneContainer(provision::KeyKind kind, bool encryption, bool certificates) {
+  provision::DeviceSpec plan;
+  plan.name = "tok";
+  plan.label = "Label";
+  plan.serial = "SN0001";
+  memcpy(plan.authKey, provision::kDefaultAuthKey, 16);
+  provision::ContainerSpec container;
+  container.name = "C1";
+  container.kind = kind;
+  container.encryptionKey = encryption;
+  container.certificates = certificates;
+  plan.applications.resize(1);
+  plan.applications[0].name = "App";
+  plan.applications[0].containers.push_back(container);
+  return plan;
+}
 
-std::vector<std::string> splitNames(const std::vector<char> &list) {
+std::vector<std::string> tokenNames() {
+  std::vector<char> list(4096, '\0');
+  ULONG size = ULONG(list.size());
+  if (SKF_EnumDev(FALSE, list.data(), &size) != SAR_OK) return {"<SKF_EnumDev failed>"};
   std::vector<std::string> names;
   for (size_t offset = 0; offset < list.size() && list[offset] != '\0';) {
     names.emplace_back(list.data() + offset);
     offset += names.back().size() + 1;
   }
   return names;
-}
-
-}  // namespace
-
-std::vector<std::string> tokenNames() {
-  std::vector<char> list(4096, '\0');
-  ULONG size = ULONG(list.size());
-  if (SKF_EnumDev(FALSE, list.data(), &size) != SAR_OK) return {"<SKF_EnumDev failed>"};
-  return splitNames(list);
-}
-
-std::vector<uint8_t> eccCipherBlob(const std::vector<uint8_t> &flat) {
-  if (flat.size() < 97 || flat.size() > 65536) return {};
-  const size_t messageLen = flat.size() - 97;
-  const ULONG cipherLen = ULONG(messageLen);
-  std::vector<uint8_t> blob(offsetof(ECCCIPHERBLOB, Cipher) + messageLen + 1, 0);
-  uint8_t *base = blob.data();
-  memcpy(base + offsetof(ECCCIPHERBLOB, XCoordinate) + 32, &flat[1], 32);
-  memcpy(base + offsetof(ECCCIPHERBLOB, YCoordinate) + 32, &flat[33], 32);
-  memcpy(base + offsetof(ECCCIPHERBLOB, HASH), &flat[65 + messageLen], 32);
-  memcpy(base + offsetof(ECCCIPHERBLOB, CipherLen), &cipherLen, sizeof(cipherLen));
-  if (messageLen > 0) memcpy(base + offsetof(ECCCIPHERBLOB, Cipher), &flat[65], messageLen);
-  return blob;
 }
 
 TokenConnection::TokenConnection(const std::string &name) {
@@ -52,24 +46,12 @@ TokenConnection::~TokenConnection() {
   if (m_device != nullptr) SKF_DisConnectDev(m_device);
 }
 
-std::vector<std::string> TokenConnection::applicationNames() {
-  std::vector<char> list(1024, '\0');
-  ULONG size = ULONG(list.size());
-  if (SKF_EnumApplication(m_device, list.data(), &size) != SAR_OK) return {};
-  return splitNames(list);
-}
-
 bool TokenConnection::openContainer(const std::string &application, const std::string &container) {
   return m_device != nullptr &&
          SKF_OpenApplication(m_device, const_cast<LPSTR>(application.c_str()), &m_application) ==
              SAR_OK &&
          SKF_OpenContainer(m_application, const_cast<LPSTR>(container.c_str()), &m_container) ==
              SAR_OK;
-}
-
-bool TokenConnection::login(const char *userPin) {
-  ULONG retries = 0;
-  return SKF_VerifyPIN(m_application, USER_TYPE, const_cast<LPSTR>(userPin), &retries) == SAR_OK;
 }
 
 bool TokenConnection::sm2PublicKey(bool signatureKey, crypto::Sm2PublicKey &key) {

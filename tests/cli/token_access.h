@@ -10,15 +10,17 @@
 
 #include "crypto/backend.h"
 #include "platform/skf.h"
+#include "softskf/provision/provision.h"
 
 namespace tembra {
 namespace test {
 
+// Token "tok" with application "App" holding container "C1" of the kind.
+provision::DeviceSpec oneContainer(provision::KeyKind kind, bool encryption = true,
+                                   bool certificates = true);
+
 // Names of every device in the current store, present or not.
 std::vector<std::string> tokenNames();
-
-// The SKF form of a flat 0x04 || x || y || C2 || C3 ciphertext.
-std::vector<uint8_t> eccCipherBlob(const std::vector<uint8_t> &flat);
 
 class TokenConnection {
  public:
@@ -27,10 +29,7 @@ class TokenConnection {
   TokenConnection(const TokenConnection &) = delete;
   TokenConnection &operator=(const TokenConnection &) = delete;
 
-  bool connected() const { return m_device != nullptr; }
-  std::vector<std::string> applicationNames();
   bool openContainer(const std::string &application, const std::string &container);
-  bool login(const char *userPin);
   HCONTAINER container() const { return m_container; }
 
   bool sm2PublicKey(bool signatureKey, crypto::Sm2PublicKey &key);

@@ -30,10 +30,8 @@ long long fileSize(const std::string &path) {
   return size < 0 ? 0 : size;
 }
 
-}  // namespace
-
 // "<tid> YYYY-MM-DD HH:MM:SS <tag> [<fn>] <msg> " with nothing missing.
-static bool parseInto(const std::string &raw, LogLine &line) {
+bool parseInto(const std::string &raw, LogLine &line) {
   line.raw = raw;
   size_t pos = 0;
   while (pos < raw.size() && raw[pos] >= '0' && raw[pos] <= '9') ++pos;
@@ -72,16 +70,7 @@ static bool parseInto(const std::string &raw, LogLine &line) {
   return true;
 }
 
-bool parseLogLine(const std::string &raw, LogLine &line) {
-  LogLine parsed;
-  bool ok = parseInto(raw, parsed);
-  if (!ok) {
-    parsed = LogLine();
-    parsed.raw = raw;
-  }
-  line = parsed;
-  return ok;
-}
+}  // namespace
 
 std::string LogTail::logPath() {
   const char *path = getenv("TEMBRA_KEY_PROV_LOG_PATH");
@@ -115,7 +104,10 @@ std::vector<LogLine> LogTail::lines() const {
     std::string raw = content.substr(start, end - start);
     if (!raw.empty() && raw.back() == '\r') raw.pop_back();  // text mode on Windows
     LogLine line;
-    parseLogLine(raw, line);  // an unparsable line keeps only its raw text
+    if (!parseInto(raw, line)) {
+      line = LogLine();  // an unparsable line keeps only its raw text
+      line.raw = raw;
+    }
     result.push_back(line);
     start = end + 1;
   }

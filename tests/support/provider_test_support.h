@@ -63,7 +63,6 @@ struct LogLine {
   std::string message;   // without the trailing blank
   std::string raw;       // the whole line without its newline
 };
-bool parseLogLine(const std::string &raw, LogLine &line);
 
 // The lines the provider appended to its log since construction (or since
 // the last mark()).
@@ -74,8 +73,7 @@ class LogTail {
   std::vector<LogLine> lines() const;
   // True if some new line has this level tag ("[ERROR]"), function name and
   // message, all exact.
-  bool has(const std::string &level, const std::string &function,
-           const std::string &message) const;
+  bool has(const std::string &level, const std::string &function, const std::string &message) const;
   // Messages of the new lines at the level, in order.
   std::vector<std::string> messages(const std::string &level) const;
   static std::string logPath();
