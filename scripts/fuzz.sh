@@ -13,7 +13,8 @@ cd "$(dirname "$0")/.."
 seconds=${1:-300}
 shift || true
 all=(token_store_fuzz token_import_fuzz token_diagnostics_fuzz sm2_cipher_fuzz cli_readers_fuzz
-     key_formats_fuzz host_decoders_fuzz registry_file_fuzz)
+     key_formats_fuzz host_decoders_fuzz registry_file_fuzz import_keypair_fuzz skf_blobs_fuzz
+     subject_name_fuzz cli_certificate_fuzz)
 targets=("$@")
 [ ${#targets[@]} -eq 0 ] && targets=("${all[@]}")
 
