@@ -7,10 +7,8 @@
 #include "cli/commands.h"
 
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-
 #include "crypto/sm2_z.h"
+#include "tests/support/openssl_party.h"
 #endif
 
 namespace tembra {
@@ -26,22 +24,13 @@ Outcome tembra(const std::vector<std::string> &words) {
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
 bool openSslVerifies(const std::string &pem, const char *digest, const std::string &message,
                      const std::string &signature) {
-  BIO *bio = BIO_new_mem_buf(pem.data(), int(pem.size()));
-  EVP_PKEY *key = PEM_read_bio_PUBKEY(bio, nullptr, nullptr, nullptr);
-  BIO_free(bio);
-  if (key == nullptr) return false;
-  EVP_MD_CTX *ctx = EVP_MD_CTX_new();
-  EVP_PKEY_CTX *keyCtx = EVP_PKEY_CTX_new(key, nullptr);
-  bool ok = !EVP_PKEY_is_a(key, "SM2") ||
-            EVP_PKEY_CTX_set1_id(keyCtx, crypto::kSm2DefaultId, crypto::kSm2DefaultIdSize) == 1;
-  EVP_MD_CTX_set_pkey_ctx(ctx, keyCtx);
-  ok = ok && EVP_DigestVerifyInit(ctx, nullptr, EVP_get_digestbyname(digest), nullptr, key) == 1 &&
-       EVP_DigestVerify(ctx, reinterpret_cast<const uint8_t *>(signature.data()), signature.size(),
-                        reinterpret_cast<const uint8_t *>(message.data()), message.size()) == 1;
-  EVP_MD_CTX_free(ctx);
-  EVP_PKEY_CTX_free(keyCtx);
-  EVP_PKEY_free(key);
-  return ok;
+  const openssl::Pkey key = openssl::keyFromPem(pem);
+  return key && openssl::verifyMessage(
+                    key.get(), digest,
+                    openssl::Bytes(crypto::kSm2DefaultId,
+                                   crypto::kSm2DefaultId + crypto::kSm2DefaultIdSize),
+                    openssl::Bytes(message.begin(), message.end()),
+                    openssl::Bytes(signature.begin(), signature.end()));
 }
 #endif
 

@@ -11,11 +11,8 @@
 #include "softskf/include/softskf.h"
 #include "tests/cli/cli_run.h"
 #include "tests/support/provider_test_support.h"
-
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/rsa.h>
+#include "tests/support/openssl_party.h"
 #endif
 
 namespace tembra {
@@ -185,30 +182,11 @@ TEST_P(SignAndVerify, SignatureVerifiesAndATamperedMessageDoesNot) {
     // it with the DigestInfo of the SM3 digest (OID 1.2.156.10197.1.401).
     std::vector<uint8_t> expected = {0x30, 0x30, 0x30, 0x0c, 0x06, 0x08, 0x2a, 0x81, 0x1c,
                                      0xcf, 0x55, 0x01, 0x83, 0x11, 0x05, 0x00, 0x04, 0x20};
-    const std::vector<uint8_t> message = readBytes("message");
-    const std::vector<uint8_t> signature = readBytes("sig");
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int digestLen = 0;
-    ASSERT_EQ(EVP_Digest(message.data(), message.size(), digest, &digestLen,
-                         EVP_get_digestbyname("SM3"), nullptr),
-              1);
-    expected.insert(expected.end(), digest, digest + digestLen);
-    BIO *bio = BIO_new_mem_buf(pem.data(), int(pem.size()));
-    EVP_PKEY *key = PEM_read_bio_PUBKEY(bio, nullptr, nullptr, nullptr);
-    BIO_free(bio);
-    ASSERT_NE(key, nullptr);
-    EVP_PKEY_CTX *recoverCtx = EVP_PKEY_CTX_new(key, nullptr);
-    std::vector<uint8_t> recovered(512);
-    size_t recoveredLen = recovered.size();
-    EXPECT_EQ(EVP_PKEY_verify_recover_init(recoverCtx), 1);
-    EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(recoverCtx, RSA_PKCS1_PADDING), 1);
-    EXPECT_EQ(EVP_PKEY_verify_recover(recoverCtx, recovered.data(), &recoveredLen, signature.data(),
-                                      signature.size()),
-              1);
-    recovered.resize(recoveredLen);
-    EXPECT_EQ(recovered, expected);
-    EVP_PKEY_CTX_free(recoverCtx);
-    EVP_PKEY_free(key);
+    const std::vector<uint8_t> digest = test::openssl::sm3(readBytes("message"));
+    expected.insert(expected.end(), digest.begin(), digest.end());
+    const test::openssl::Pkey key = test::openssl::keyFromPem(pem);
+    ASSERT_TRUE(key);
+    EXPECT_EQ(expected, test::openssl::rsaRecover(key.get(), readBytes("sig")));
   }
 #endif
 }

@@ -10,7 +10,8 @@
 #include "tests/support/provider_test_support.h"
 
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
-#include <openssl/evp.h>
+#include "tests/crypto/test_hex.h"
+#include "tests/support/openssl_party.h"
 #endif
 
 namespace tembra {
@@ -93,16 +94,7 @@ TEST_F(ServicesCli, HashRandomAndMechanisms) {
   Outcome hash = tembra({"hash", "-i", path("data"), "--json"});
   ASSERT_EQ(0, hash.status) << hash.err;
 #ifdef TEMBRA_TEST_HAVE_OPENSSL
-  unsigned char digest[32];
-  unsigned int len = 0;
-  const std::string data = readText("data");
-  EVP_Digest(data.data(), data.size(), digest, &len, EVP_sm3(), nullptr);
-  std::string hex;
-  char two[3];
-  for (unsigned char b : digest) {
-    snprintf(two, sizeof two, "%02x", b);
-    hex += two;
-  }
+  const std::string hex = testing::toHex(test::openssl::sm3(readBytes("data")));
   EXPECT_NE(std::string::npos, hash.out.find("\"digest\": \"" + hex + "\"")) << hash.out;
 #endif
   // Raw bytes, or hexadecimal text with --hex.

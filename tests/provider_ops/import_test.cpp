@@ -6,22 +6,21 @@
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
-#include <openssl/rsa.h>
-#include <openssl/x509.h>
 
 #include <stdio.h>
+#include <string.h>
 
 #include <functional>
-#include <memory>
 
 #include "softskf/include/softskf.h"
-#include "tests/provider_ops/openssl_peer.h"
 #include "tests/provider_ops/ops_fixture.h"
+#include "tests/support/openssl_party.h"
 
 namespace opstest {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+namespace openssl = tembra::test::openssl;
 
 constexpr uint32_t kSms4Ecb = ORVEL_PKI_ALGORITHM_SMS4_ECB;
 const char kMessage[] = "imported key pair";
@@ -36,12 +35,12 @@ void put32(Bytes &out, uint32_t v) {
   for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(v >> shift));
 }
 
-Bytes bigEndian(const EVP_PKEY *key, const char *param, int pad) {
+Bytes bigEndian(const EVP_PKEY *key, const char *param) {
   BIGNUM *bn = nullptr;
   Bytes out;
   if (EVP_PKEY_get_bn_param(key, param, &bn) != 1) return out;
-  out.resize(static_cast<size_t>(pad > 0 ? pad : BN_num_bytes(bn)));
-  BN_bn2binpad(bn, out.data(), static_cast<int>(out.size()));
+  out.resize(static_cast<size_t>(BN_num_bytes(bn)));
+  BN_bn2bin(bn, out.data());
   BN_free(bn);
   return out;
 }
@@ -56,22 +55,16 @@ struct PeerKey {
 PeerKey makeKey(bool sm2, int bits) {
   PeerKey key;
   key.sm2 = sm2;
-  EVP_PKEY *pkey = sm2 ? EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2") : EVP_RSA_gen(bits);
-  if (pkey == nullptr) return key;
-  unsigned char *der = nullptr;
-  int len = i2d_PUBKEY(pkey, &der);
-  key.spki.assign(der, der + len);
-  OPENSSL_free(der);
   if (sm2) {
-    key.secret = bigEndian(pkey, OSSL_PKEY_PARAM_PRIV_KEY, 32);
+    const openssl::Sm2Pair pair = openssl::newSm2Pair();
+    key.spki = openssl::spkiOf(pair.key.get());
+    key.secret = pair.d;
     key.point = Bytes(key.spki.end() - 65, key.spki.end());
   } else {
-    der = nullptr;
-    len = i2d_PrivateKey(pkey, &der);
-    key.secret.assign(der, der + len);
-    OPENSSL_free(der);
+    const openssl::RsaPair pair = openssl::newRsaPair(bits);
+    key.spki = openssl::spkiOf(pair.key.get());
+    key.secret = pair.der;
   }
-  EVP_PKEY_free(pkey);
   return key;
 }
 
@@ -119,26 +112,20 @@ struct Envelope {
 Envelope envelopeFor(const Bytes &signSpki, const PeerKey &key) {
   Envelope e;
   e.sm2 = key.sm2;
-  uint8_t symmetric[16];
-  RAND_bytes(symmetric, sizeof symmetric);
-  const std::string symmetricText(reinterpret_cast<char *>(symmetric), sizeof symmetric);
-  const unsigned char *p = signSpki.data();
-  EVP_PKEY *sign = d2i_PUBKEY(nullptr, &p, static_cast<long>(signSpki.size()));
+  Bytes symmetric(16);
+  RAND_bytes(symmetric.data(), 16);
+  const openssl::Pkey sign = openssl::keyFromSpki(signSpki);
   if (key.sm2) {
     e.signKey = Bytes(signSpki.end() - 65, signSpki.end());
-    e.wrapped = peer::encryptSm2Flat(signSpki, symmetricText);
+    e.wrapped = openssl::sm2EncryptFlat(sign.get(), symmetric);
     e.encPoint = key.point;
-    e.encrypted = peer::sm4(false, true, symmetric, nullptr, key.secret);
+    e.encrypted = openssl::sm4(true, false, symmetric, key.secret);
   } else {
-    e.signKey = bigEndian(sign, OSSL_PKEY_PARAM_RSA_N, 0);
-    e.exponent = bigEndian(sign, OSSL_PKEY_PARAM_RSA_E, 0);
-    e.wrapped = peer::encryptRsa(signSpki, symmetricText);
-    const size_t pad = 16 - key.secret.size() % 16;  // PKCS #7
-    Bytes padded = key.secret;
-    padded.insert(padded.end(), pad, static_cast<uint8_t>(pad));
-    e.encrypted = peer::sm4(false, true, symmetric, nullptr, padded);
+    e.signKey = bigEndian(sign.get(), OSSL_PKEY_PARAM_RSA_N);
+    e.exponent = bigEndian(sign.get(), OSSL_PKEY_PARAM_RSA_E);
+    e.wrapped = openssl::rsaEncrypt(sign.get(), symmetric);
+    e.encrypted = openssl::sm4(true, true, symmetric, key.secret);  // PKCS #7
   }
-  EVP_PKEY_free(sign);
   return e;
 }
 
@@ -186,8 +173,10 @@ class ImportTest : public OpsTest {
     EXPECT_EQ(ORVEL_PKI_KEYPAIRTYPE_ENCRYPT, DeviceGetKeypairType(hKeypair));
     EXPECT_EQ(bits, DeviceGetKeypairBits(hKeypair));
     EXPECT_EQ(key.spki, publicKey(hKeypair));
-    const Bytes cipher =
-        key.sm2 ? peer::encryptSm2Flat(key.spki, kMessage) : peer::encryptRsa(key.spki, kMessage);
+    const openssl::Pkey peer = openssl::keyFromSpki(key.spki);
+    const Bytes message(kMessage, kMessage + strlen(kMessage));
+    const Bytes cipher = key.sm2 ? openssl::sm2EncryptFlat(peer.get(), message)
+                                 : openssl::rsaEncrypt(peer.get(), message);
     const int hash = ORVEL_PKI_ALGORITHM_SM3;
     const int algo = key.sm2 ? ORVEL_PKI_ALGORITHM_SM2_ENC : ORVEL_PKI_ALGORITHM_RSA_PKCS1_V1_5_ENC;
     Bytes plain(512);

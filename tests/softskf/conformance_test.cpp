@@ -12,10 +12,11 @@
 #include <string>
 #include <thread>
 
-#include "tests/softskf/openssl_party.h"
 #include "tests/softskf/soft_token_fixture.h"
+#include "tests/support/openssl_party.h"
 
 using namespace softskf_test;
+using namespace tembra::test::openssl;
 
 namespace {
 
@@ -330,7 +331,7 @@ TEST_F(ConformanceTest, SessionKeysTravelWrapped) {
   EXPECT_EQ(128u, len);
   ASSERT_EQ(SAR_OK, SKF(SKF_RSAExportSessionKey)(con, SGD_SMS4_ECB, &rsaPub, rsaWrapped.data(),
                                                  &len, &rsaKey));
-  EXPECT_EQ(sm4(true, false, rsaDecrypt(rsa.key.get(), rsaWrapped), pattern(16, 1)),
+  EXPECT_EQ(sm4(true, false, decrypt(rsa.key.get(), rsaWrapped), pattern(16, 1)),
             encryptBlock(rsaKey));
   for (ULONG alg : {SGD_SM1_ECB, SGD_SSF33_CBC}) {
     EXPECT_EQ(SAR_NOTSUPPORTYETERR,

@@ -10,11 +10,13 @@
 #include <functional>
 #include <utility>
 
-#include "tests/softskf/openssl_party.h"
 #include "tests/softskf/soft_token_fixture.h"
+#include "tests/support/openssl_party.h"
 
 namespace softskf_test {
 namespace {
+
+using namespace tembra::test::openssl;
 
 Bytes randomBytes(size_t n) {
   Bytes out(n);

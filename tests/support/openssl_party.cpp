@@ -1,4 +1,4 @@
-#include "tests/softskf/openssl_party.h"
+#include "tests/support/openssl_party.h"
 
 #include <openssl/asn1.h>
 #include <openssl/bn.h>
@@ -6,12 +6,17 @@
 #include <openssl/ec.h>
 #include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
+#include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <string.h>
 
-namespace softskf_test {
+#include <algorithm>
+
+namespace tembra {
+namespace test {
+namespace openssl {
 
 namespace {
 
@@ -49,18 +54,22 @@ Bytes signatureDer(const ECCSIGNATUREBLOB &sig) {
   return out;
 }
 
-// One RSA operation with PKCS #1 v1.5 padding (empty on failure).
-Bytes rsaPkcs1(EVP_PKEY *key, int (*init)(EVP_PKEY_CTX *),
-               int (*op)(EVP_PKEY_CTX *, unsigned char *, size_t *, const unsigned char *, size_t),
-               const Bytes &in) {
+using Operation = int (*)(EVP_PKEY_CTX *, unsigned char *, size_t *, const unsigned char *,
+                         size_t);
+
+// One public-key operation, with PKCS #1 v1.5 padding on RSA keys (empty on
+// failure).
+Bytes operate(EVP_PKEY *key, int (*init)(EVP_PKEY_CTX *), Operation op, const Bytes &in) {
   Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
-  Bytes out(512);
-  size_t len = out.size();
+  size_t len = 0;
   if (!ctx || init(ctx.get()) != 1 ||
-      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
-      op(ctx.get(), out.data(), &len, in.data(), in.size()) != 1) {
+      (EVP_PKEY_is_a(key, "RSA") == 1 &&
+       EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1) ||
+      op(ctx.get(), nullptr, &len, in.data(), in.size()) != 1) {
     return Bytes();
   }
+  Bytes out(len);
+  if (op(ctx.get(), out.data(), &len, in.data(), in.size()) != 1) return Bytes();
   out.resize(len);
   return out;
 }
@@ -94,70 +103,111 @@ Pkey rsaKeyFromBlob(const RSAPUBLICKEYBLOB &blob) {
   return key;
 }
 
-bool sm2VerifyDigest(EVP_PKEY *key, const Bytes &digest, const ECCSIGNATUREBLOB &sig) {
-  const Bytes der = signatureDer(sig);
-  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
-  return ctx && !der.empty() && EVP_PKEY_verify_init(ctx.get()) == 1 &&
-         EVP_PKEY_verify(ctx.get(), der.data(), der.size(), digest.data(), digest.size()) == 1;
+Pkey keyFromSpki(const Bytes &spki) {
+  const unsigned char *p = spki.data();
+  return Pkey(d2i_PUBKEY(nullptr, &p, static_cast<long>(spki.size())));
 }
 
-bool sm2VerifyMessage(EVP_PKEY *key, const Bytes &id, const Bytes &message,
-                      const ECCSIGNATUREBLOB &sig) {
-  const Bytes der = signatureDer(sig);
+Bytes spkiOf(EVP_PKEY *key) {
+  unsigned char *der = nullptr;
+  const int len = i2d_PUBKEY(key, &der);
+  Bytes out(der, der + (len > 0 ? len : 0));
+  OPENSSL_free(der);
+  return out;
+}
+
+bool sm2VerifyDigest(EVP_PKEY *key, const Bytes &digest, const ECCSIGNATUREBLOB &sig) {
+  return sm2VerifyDigest(key, digest, signatureDer(sig));
+}
+
+bool sm2VerifyDigest(EVP_PKEY *key, const Bytes &digest, const Bytes &derSignature) {
+  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
+  return ctx && !derSignature.empty() && EVP_PKEY_verify_init(ctx.get()) == 1 &&
+         EVP_PKEY_verify(ctx.get(), derSignature.data(), derSignature.size(), digest.data(),
+                         digest.size()) == 1;
+}
+
+Pkey keyFromPem(const std::string &pem) {
+  BIO *bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
+  Pkey key(PEM_read_bio_PUBKEY(bio, nullptr, nullptr, nullptr));
+  BIO_free(bio);
+  return key;
+}
+
+bool verifyMessage(EVP_PKEY *key, const char *digest, const Bytes &id, const Bytes &message,
+                   const Bytes &derSignature) {
   EVP_MD_CTX *md = EVP_MD_CTX_new();
   Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
-  bool ok = md != nullptr && ctx && !der.empty() &&
-            EVP_PKEY_CTX_set1_id(ctx.get(), id.data(), static_cast<int>(id.size())) == 1;
+  bool ok = md != nullptr && ctx && !derSignature.empty() &&
+            (EVP_PKEY_is_a(key, "SM2") != 1 ||
+             EVP_PKEY_CTX_set1_id(ctx.get(), id.data(), static_cast<int>(id.size())) == 1);
   if (ok) {
     EVP_MD_CTX_set_pkey_ctx(md, ctx.get());
-    ok = EVP_DigestVerifyInit(md, nullptr, EVP_sm3(), nullptr, key) == 1 &&
-         EVP_DigestVerify(md, der.data(), der.size(), message.data(), message.size()) == 1;
+    ok = EVP_DigestVerifyInit(md, nullptr, EVP_get_digestbyname(digest), nullptr, key) == 1 &&
+         EVP_DigestVerify(md, derSignature.data(), derSignature.size(), message.data(),
+                          message.size()) == 1;
   }
   EVP_MD_CTX_free(md);
   return ok;
 }
 
+bool sm2VerifyMessage(EVP_PKEY *key, const Bytes &id, const Bytes &message,
+                      const ECCSIGNATUREBLOB &sig) {
+  return verifyMessage(key, "SM3", id, message, signatureDer(sig));
+}
+
 Bytes rsaRecover(EVP_PKEY *key, const Bytes &signature) {
-  return rsaPkcs1(key, EVP_PKEY_verify_recover_init, EVP_PKEY_verify_recover, signature);
+  return operate(key, EVP_PKEY_verify_recover_init, EVP_PKEY_verify_recover, signature);
 }
 
 Bytes rsaEncrypt(EVP_PKEY *key, const Bytes &plain) {
-  return rsaPkcs1(key, EVP_PKEY_encrypt_init, EVP_PKEY_encrypt, plain);
+  return operate(key, EVP_PKEY_encrypt_init, EVP_PKEY_encrypt, plain);
 }
 
-Bytes rsaDecrypt(EVP_PKEY *key, const Bytes &cipher) {
-  return rsaPkcs1(key, EVP_PKEY_decrypt_init, EVP_PKEY_decrypt, cipher);
+Bytes sign(EVP_PKEY *key, const Bytes &data) {
+  return operate(key, EVP_PKEY_sign_init, EVP_PKEY_sign, data);
+}
+
+Bytes decrypt(EVP_PKEY *key, const Bytes &cipher) {
+  return operate(key, EVP_PKEY_decrypt_init, EVP_PKEY_decrypt, cipher);
+}
+
+Bytes sm2EncryptFlat(EVP_PKEY *key, const Bytes &plain) {
+  const Bytes der = operate(key, EVP_PKEY_encrypt_init, EVP_PKEY_encrypt, plain);
+  // SEQUENCE { INTEGER x, INTEGER y, OCTET STRING C3, OCTET STRING C2 }
+  const unsigned char *p = der.data();
+  STACK_OF(ASN1_TYPE) *seq = d2i_ASN1_SEQUENCE_ANY(nullptr, &p, static_cast<long>(der.size()));
+  if (seq == nullptr || sk_ASN1_TYPE_num(seq) != 4) {
+    sk_ASN1_TYPE_pop_free(seq, ASN1_TYPE_free);
+    return Bytes();
+  }
+  Bytes flat = {0x04};
+  for (int i = 0; i < 2; ++i) {
+    BIGNUM *v = ASN1_INTEGER_to_BN(sk_ASN1_TYPE_value(seq, i)->value.integer, nullptr);
+    const Bytes coordinate = bnBytes(v, 32);
+    flat.insert(flat.end(), coordinate.begin(), coordinate.end());
+    BN_free(v);
+  }
+  for (int i : {3, 2}) {
+    const ASN1_OCTET_STRING *part = sk_ASN1_TYPE_value(seq, i)->value.octet_string;
+    const unsigned char *bytes = ASN1_STRING_get0_data(part);
+    flat.insert(flat.end(), bytes, bytes + ASN1_STRING_length(part));
+  }
+  sk_ASN1_TYPE_pop_free(seq, ASN1_TYPE_free);
+  return flat;
 }
 
 Bytes sm2EncryptToBlob(EVP_PKEY *key, const Bytes &plain) {
-  Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
-  size_t len = 0;
-  if (!ctx || EVP_PKEY_encrypt_init(ctx.get()) != 1 ||
-      EVP_PKEY_encrypt(ctx.get(), nullptr, &len, plain.data(), plain.size()) != 1) {
-    return Bytes();
-  }
-  Bytes der(len);
-  if (EVP_PKEY_encrypt(ctx.get(), der.data(), &len, plain.data(), plain.size()) != 1)
-    return Bytes();
-  // SEQUENCE { INTEGER x, INTEGER y, OCTET STRING C3, OCTET STRING C2 }
-  const unsigned char *p = der.data();
-  STACK_OF(ASN1_TYPE) *seq = d2i_ASN1_SEQUENCE_ANY(nullptr, &p, static_cast<long>(len));
-  if (seq == nullptr || sk_ASN1_TYPE_num(seq) != 4) return Bytes();
-  BIGNUM *x = ASN1_INTEGER_to_BN(sk_ASN1_TYPE_value(seq, 0)->value.integer, nullptr);
-  BIGNUM *y = ASN1_INTEGER_to_BN(sk_ASN1_TYPE_value(seq, 1)->value.integer, nullptr);
-  const ASN1_OCTET_STRING *c3 = sk_ASN1_TYPE_value(seq, 2)->value.octet_string;
-  const ASN1_OCTET_STRING *c2 = sk_ASN1_TYPE_value(seq, 3)->value.octet_string;
+  const Bytes flat = sm2EncryptFlat(key, plain);
+  if (flat.size() != 65 + plain.size() + 32) return Bytes();
   Bytes blob(sizeof(ECCCIPHERBLOB) + plain.size(), 0);
   ECCCIPHERBLOB *out = reinterpret_cast<ECCCIPHERBLOB *>(blob.data());
-  Bytes xb = bnBytes(x, 32), yb = bnBytes(y, 32);
-  memcpy(out->XCoordinate + 32, xb.data(), 32);
-  memcpy(out->YCoordinate + 32, yb.data(), 32);
-  memcpy(out->HASH, ASN1_STRING_get0_data(c3), 32);
-  out->CipherLen = static_cast<ULONG>(ASN1_STRING_length(c2));
-  memcpy(out->Cipher, ASN1_STRING_get0_data(c2), static_cast<size_t>(ASN1_STRING_length(c2)));
-  BN_free(x);
-  BN_free(y);
-  sk_ASN1_TYPE_pop_free(seq, ASN1_TYPE_free);
+  const auto c2 = flat.begin() + 65, c3 = c2 + static_cast<long>(plain.size());
+  std::copy(flat.begin() + 1, flat.begin() + 33, out->XCoordinate + 32);
+  std::copy(flat.begin() + 33, c2, out->YCoordinate + 32);
+  std::copy(c3, flat.end(), out->HASH);
+  out->CipherLen = static_cast<ULONG>(plain.size());
+  std::copy(c2, c3, out->Cipher);
   return blob;
 }
 
@@ -321,4 +371,6 @@ Bytes sm2AgreedKey(const Sm2Pair &own, const Sm2Pair &ownTemp, const Bytes &ownI
   return key;
 }
 
-}  // namespace softskf_test
+}  // namespace openssl
+}  // namespace test
+}  // namespace tembra
