@@ -19,25 +19,6 @@ namespace {
 
 namespace fs = softskf::fs;
 
-// The store's file names carry token names with bytes outside
-// [A-Za-z0-9._-] written as %XX.
-bool decodeName(const std::string &encoded, std::string &name) {
-  name.clear();
-  for (size_t i = 0; i < encoded.size(); ++i) {
-    if (encoded[i] != '%') {
-      name.push_back(encoded[i]);
-      continue;
-    }
-    unsigned value = 0;
-    if (i + 2 >= encoded.size() || sscanf(encoded.substr(i + 1, 2).c_str(), "%2x", &value) != 1) {
-      return false;
-    }
-    name.push_back(char(value));
-    i += 2;
-  }
-  return !name.empty();
-}
-
 std::set<std::string> listedTokens() {
   std::set<std::string> names;
   ULONG size = 0;
@@ -107,7 +88,7 @@ std::vector<StoreProblem> storeProblems() {
     std::string name;
     const std::string directory = fs::join(store, entry);
     if (entry.empty() || entry[0] == '.' || !fs::isDirectory(directory) ||
-        !decodeName(entry, name)) {
+        !fs::decodeName(entry, name)) {
       continue;
     }
     if (listed.count(name) != 0) {

@@ -43,7 +43,52 @@ bool allDigits(const std::string &s, size_t from, size_t to) {
   return true;
 }
 
+bool isPlain(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
+         c == '_' || c == '-';
+}
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
 }  // namespace
+
+std::string encodeName(const std::string &name) {
+  static const char digits[] = "0123456789ABCDEF";
+  std::string out;
+  for (size_t i = 0; i < name.size(); ++i) {
+    char c = name[i];
+    if (isPlain(c) && !(i == 0 && c == '.')) {
+      out.push_back(c);
+    } else {
+      unsigned char u = static_cast<unsigned char>(c);
+      out.push_back('%');
+      out.push_back(digits[u >> 4]);
+      out.push_back(digits[u & 15]);
+    }
+  }
+  return out;
+}
+
+bool decodeName(const std::string &encoded, std::string &name) {
+  name.clear();
+  for (size_t i = 0; i < encoded.size(); ++i) {
+    if (encoded[i] != '%') {
+      name.push_back(encoded[i]);
+      continue;
+    }
+    if (i + 2 >= encoded.size()) return false;
+    int hi = hexValue(encoded[i + 1]), lo = hexValue(encoded[i + 2]);
+    if (hi < 0 || lo < 0) return false;
+    name.push_back(static_cast<char>(hi * 16 + lo));
+    i += 2;
+  }
+  return true;
+}
 
 bool parseTemporaryName(const std::string &name, std::string &target, unsigned long &pid) {
   size_t mark = name.rfind(kTemporaryMark);

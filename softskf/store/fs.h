@@ -42,6 +42,11 @@ ReadResult statFile(const std::string &path, FileStamp &stamp);
 // killed at any moment leaves either the old or the new content.
 bool writeFileAtomic(const std::string &path, const std::vector<uint8_t> &bytes);
 
+// Token and application names as file names: bytes outside [A-Za-z0-9._-]
+// (and a leading '.') become %XX. Decoding fails on a malformed escape.
+std::string encodeName(const std::string &name);
+bool decodeName(const std::string &encoded, std::string &name);
+
 // The name the temporary file of one write gets, and its parts read back:
 // the writing process and the target's name. False for any other name.
 bool parseTemporaryName(const std::string &name, std::string &target, unsigned long &pid);

@@ -18,36 +18,8 @@ const char kStoreLockFile[] = "store.lock";
 const size_t kMaxOpenLockFiles = 64;
 const size_t kMaxCachedRecords = 1024;
 
-bool isPlain(char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
-         c == '_' || c == '-';
-}
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
-bool decodeName(const std::string &encoded, std::string &name) {
-  name.clear();
-  for (size_t i = 0; i < encoded.size(); ++i) {
-    if (encoded[i] != '%') {
-      name.push_back(encoded[i]);
-      continue;
-    }
-    if (i + 2 >= encoded.size()) return false;
-    int hi = hexValue(encoded[i + 1]), lo = hexValue(encoded[i + 2]);
-    if (hi < 0 || lo < 0) return false;
-    name.push_back(static_cast<char>(hi * 16 + lo));
-    i += 2;
-  }
-  return true;
-}
-
 std::string applicationFile(const std::string &name) {
-  return encodeName(name) + kApplicationSuffix;
+  return fs::encodeName(name) + kApplicationSuffix;
 }
 
 std::string applicationPath(const DeviceLocation &device, const std::string &name) {
@@ -224,25 +196,8 @@ ULONG beginWrite(StoreLock &lock, const DeviceLocation &device) {
 
 }  // namespace
 
-std::string encodeName(const std::string &name) {
-  static const char digits[] = "0123456789ABCDEF";
-  std::string out;
-  for (size_t i = 0; i < name.size(); ++i) {
-    char c = name[i];
-    if (isPlain(c) && !(i == 0 && c == '.')) {
-      out.push_back(c);
-    } else {
-      unsigned char u = static_cast<unsigned char>(c);
-      out.push_back('%');
-      out.push_back(digits[u >> 4]);
-      out.push_back(digits[u & 15]);
-    }
-  }
-  return out;
-}
-
 std::string DeviceLocation::directory() const {
-  return fs::join(store, encodeName(name));
+  return fs::join(store, fs::encodeName(name));
 }
 std::string DeviceLocation::lockFile() const {
   return fs::join(directory(), "device.lock");
@@ -438,7 +393,7 @@ std::vector<StoredDevice> listDevices(const std::string &store) {
   std::vector<StoredDevice> devices;
   for (const std::string &entry : fs::listDirectory(store)) {
     StoredDevice device;
-    if (!decodeName(entry, device.name) || encodeName(device.name) != entry) continue;
+    if (!fs::decodeName(entry, device.name) || fs::encodeName(device.name) != entry) continue;
     DeviceLocation location{store, device.name};
     if (!fs::isDirectory(location.directory())) continue;
     if (loadDevice(location, device.record) != SAR_OK) continue;
@@ -460,7 +415,7 @@ std::vector<std::string> listApplications(const DeviceLocation &device) {
       continue;
     }
     std::string name;
-    if (decodeName(entry.substr(0, entry.size() - suffixLen), name)) names.push_back(name);
+    if (fs::decodeName(entry.substr(0, entry.size() - suffixLen), name)) names.push_back(name);
   }
   std::sort(names.begin(), names.end());
   return names;

@@ -33,8 +33,6 @@ inline std::string currentStoreDirectory() {
   return fs::storeDirectory();
 }
 
-// Bytes outside [A-Za-z0-9._-] (and a leading '.') become %XX.
-std::string encodeName(const std::string &name);
 
 struct DeviceLocation {
   std::string store;
